@@ -1,0 +1,764 @@
+// The audit kernel in memory: its rule list, its settings, the queue of messages for the receiver,
+// and the calls of libaudit that reach it.
+#include "offline_kernel.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <linux/netlink.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <deque>
+#include <optional>
+#include <span>
+#include <stdexcept>
+
+namespace offline {
+namespace {
+
+constexpr std::uint32_t kAuditOff = 0;
+constexpr std::uint32_t kAuditOn = 1;
+constexpr std::uint32_t kAuditLocked = 2;
+constexpr std::uint32_t kFirstOwnSerial = 4000000001;
+constexpr std::uint32_t kPrepend = AUDIT_FILTER_PREPEND;
+constexpr std::uint32_t kBootBacklogLimit = 64;
+constexpr std::uint32_t kBacklogWaitTime = 15000;  // 60 s in ticks of a 250 Hz kernel
+
+// The upper half of the last mask word stands for classes of system calls, which the kernel
+// resolves and clears when it takes a rule in.
+constexpr std::uint32_t kLastMaskWordBits = 0x0000ffff;
+
+// Rule fields whose value is the length of a text in `buf`.
+constexpr std::array<std::uint32_t, 14> kTextFields = {
+    AUDIT_SUBJ_USER, AUDIT_SUBJ_ROLE, AUDIT_SUBJ_TYPE, AUDIT_SUBJ_SEN,    AUDIT_SUBJ_CLR,
+    AUDIT_OBJ_USER,  AUDIT_OBJ_ROLE,  AUDIT_OBJ_TYPE,  AUDIT_OBJ_LEV_LOW, AUDIT_OBJ_LEV_HIGH,
+    AUDIT_WATCH,     AUDIT_DIR,       AUDIT_FILTERKEY, AUDIT_EXE,
+};
+
+// Filter lists that take rules; AUDIT_FILTER_ENTRY is refused since Linux 3.16.
+constexpr std::array<std::uint32_t, 5> kFilterLists = {
+    AUDIT_FILTER_USER, AUDIT_FILTER_TASK, AUDIT_FILTER_EXIT, AUDIT_FILTER_EXCLUDE, AUDIT_FILTER_FS};
+
+// The types whose payload libaudit 3.0.9 makes accessible; all other replies get a null pointer.
+struct TypeRange {
+  int first;
+  int last;
+};
+constexpr TypeRange kPointedTypes[] = {
+    {NLMSG_ERROR, NLMSG_ERROR},
+    {AUDIT_GET, AUDIT_GET},
+    {AUDIT_USER, AUDIT_LOGIN},
+    {AUDIT_SIGNAL_INFO, AUDIT_SIGNAL_INFO},
+    {AUDIT_LIST_RULES, AUDIT_LIST_RULES},
+    {AUDIT_GET_FEATURE, AUDIT_GET_FEATURE},
+    {AUDIT_FIRST_USER_MSG, AUDIT_LAST_USER_MSG},
+    {AUDIT_FIRST_EVENT, AUDIT_INTEGRITY_LAST_MSG},
+    {AUDIT_KERNEL, AUDIT_KERNEL},
+    {AUDIT_FIRST_USER_MSG2, AUDIT_LAST_USER_MSG2},
+};
+
+struct ScriptedFailure {
+  int result = 0;
+  unsigned times = 0;
+};
+
+audit_status boot_status() {
+  audit_status status{};
+  status.failure = AUDIT_FAIL_PRINTK;
+  status.backlog_limit = kBootBacklogLimit;
+  status.feature_bitmap = AUDIT_FEATURE_BITMAP_ALL;
+  status.backlog_wait_time = kBacklogWaitTime;
+  return status;
+}
+
+bool exists_here(const std::string& path) {
+  struct stat found;
+  return stat(path.c_str(), &found) == 0;
+}
+
+struct Kernel {
+  bool on = false;
+
+  // All descriptors share one event counter, so each is readable exactly while messages wait.
+  std::vector<int> sockets;
+  bool shown_readable = false;
+  std::deque<std::string> queue;  // datagrams
+
+  audit_status status = boot_status();
+  int receiver_socket = -1;
+  std::vector<Rule> rules;
+  std::vector<RuleRequest> requests;
+  std::uint32_t sequence = 0;
+  std::uint32_t serial = kFirstOwnSerial;
+
+  AckOrder ack_order = AckOrder::kAckFirst;
+  bool silent = false;
+  bool config_records = true;
+  bool other_receiver = false;
+  uid_t loginuid = AUDIT_UID_UNSET;
+  std::function<bool(const std::string&)> path_exists = exists_here;
+
+  std::array<unsigned, static_cast<std::size_t>(Call::kCount)> calls{};
+  std::array<ScriptedFailure, static_cast<std::size_t>(Call::kCount)> failures{};
+  unsigned calls_to_failure = 0;  // 0: none is planned
+  int planned_result = 0;
+};
+
+Kernel kernel;
+
+// ---- Calls ------------------------------------------------------------------------------------
+
+template <typename Function, typename... Args>
+auto forward(const char* name, Args... args) {
+  auto* function = reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+  if (function == nullptr) {
+    std::fprintf(stderr, "offline kernel: no %s to forward to: link libaudit\n", name);
+    std::abort();
+  }
+  return function(args...);
+}
+
+int refuse(int error) {
+  errno = -error;
+  return error;
+}
+
+std::optional<int> take_failure(Call call) {
+  if (kernel.calls_to_failure != 0 && --kernel.calls_to_failure == 0) return kernel.planned_result;
+  ScriptedFailure& failure = kernel.failures[static_cast<std::size_t>(call)];
+  if (failure.times == 0) return std::nullopt;
+  --failure.times;
+  return failure.result;
+}
+
+// Counts the call; has a value when it is to fail.
+std::optional<int> begin_call(Call call) {
+  ++kernel.calls[static_cast<std::size_t>(call)];
+  const std::optional<int> result = take_failure(call);
+  if (result && *result < 0) errno = -*result;
+  return result;
+}
+
+bool is_socket(int fd) {
+  return std::find(kernel.sockets.begin(), kernel.sockets.end(), fd) != kernel.sockets.end();
+}
+
+// As begin_call, for a request: the descriptor has to be open as well.
+std::optional<int> begin_request(Call call, int fd) {
+  const std::optional<int> result = begin_call(call);
+  if (result) return result;
+  if (!is_socket(fd)) return refuse(-EBADF);
+  return std::nullopt;
+}
+
+// ---- Queue ------------------------------------------------------------------------------------
+
+template <typename Object>
+std::string_view bytes_of(const Object& object) {
+  return {reinterpret_cast<const char*>(&object), sizeof object};
+}
+
+void show_readiness() {
+  const bool readable = !kernel.queue.empty();
+  if (kernel.sockets.empty() || readable == kernel.shown_readable) return;
+  eventfd_t count;
+  if (readable) {
+    eventfd_write(kernel.sockets.front(), 1);
+  } else {
+    eventfd_read(kernel.sockets.front(), &count);
+  }
+  kernel.shown_readable = readable;
+}
+
+void queue_datagram(nlmsghdr header, std::string_view payload, std::size_t padding) {
+  std::string datagram;
+  datagram.reserve(sizeof header + payload.size() + padding);
+  datagram.append(bytes_of(header)).append(payload).append(padding, '\0');
+  kernel.queue.push_back(std::move(datagram));
+  show_readiness();
+}
+
+// A reply's length counts the header; the datagram is padded to the alignment of netlink messages.
+void queue_reply(int type, std::string_view payload, std::uint32_t sequence) {
+  nlmsghdr header{};
+  header.nlmsg_len = static_cast<std::uint32_t>(NLMSG_HDRLEN + payload.size());
+  header.nlmsg_type = static_cast<std::uint16_t>(type);
+  header.nlmsg_seq = sequence;
+  queue_datagram(header, payload, NLMSG_ALIGN(payload.size()) - payload.size());
+}
+
+// The kernel leaves the header out of a record's length (audit_log_end).
+void queue_record(int type, std::string_view text, std::uint32_t sequence) {
+  nlmsghdr header{};
+  header.nlmsg_len = static_cast<std::uint32_t>(text.size());
+  header.nlmsg_type = static_cast<std::uint16_t>(type);
+  header.nlmsg_seq = sequence;
+  queue_datagram(header, text, 0);
+}
+
+bool is_record(int type) {
+  if (type == AUDIT_REPLACE) return false;
+  return type == AUDIT_USER || type == AUDIT_LOGIN || type >= AUDIT_FIRST_USER_MSG;
+}
+
+void drop_first() {
+  kernel.queue.pop_front();
+  show_readiness();
+}
+
+bool points_at_payload(int type) {
+  return std::any_of(std::begin(kPointedTypes), std::end(kPointedTypes),
+                     [type](TypeRange range) { return range.first <= type && type <= range.last; });
+}
+
+// Receives the first datagram as recvfrom and libaudit do: what lies behind it in `reply` stays.
+int receive(audit_reply& reply, bool peek) {
+  if (kernel.queue.empty()) return refuse(-EAGAIN);
+  const std::string& datagram = kernel.queue.front();
+  const std::size_t size = std::min(datagram.size(), sizeof reply.msg);
+  std::memcpy(static_cast<void*>(&reply.msg), datagram.data(), size);
+  if (!peek) drop_first();
+
+  reply.type = reply.msg.nlh.nlmsg_type;
+  reply.len = static_cast<int>(reply.msg.nlh.nlmsg_len);
+  reply.nlh = &reply.msg.nlh;
+  reply.message = nullptr;
+  const std::uint32_t announced = reply.msg.nlh.nlmsg_len;
+  if (announced < sizeof(nlmsghdr) || announced > size)
+    return refuse(size == sizeof reply.msg ? -EFBIG : -EBADE);
+  if (points_at_payload(reply.type)) reply.message = reply.msg.data;
+  return static_cast<int>(size);
+}
+
+// ---- Requests ---------------------------------------------------------------------------------
+
+struct Request {
+  std::uint16_t type;
+  std::string_view payload;
+  std::uint32_t sequence;
+};
+
+Request make_request(int type, std::string_view payload) {
+  return {static_cast<std::uint16_t>(type), payload, ++kernel.sequence};
+}
+
+// The acknowledgement of a failed request carries the whole request.
+void queue_ack(const Request& request, int error) {
+  nlmsghdr header{};
+  header.nlmsg_len = static_cast<std::uint32_t>(NLMSG_SPACE(request.payload.size()));
+  header.nlmsg_type = request.type;
+  header.nlmsg_flags = NLM_F_REQUEST | NLM_F_ACK;
+  header.nlmsg_seq = request.sequence;
+
+  std::string payload(bytes_of(error));
+  payload.append(bytes_of(header));
+  if (error != 0) {
+    payload.append(request.payload);
+    payload.append(header.nlmsg_len - NLMSG_LENGTH(request.payload.size()), '\0');
+  }
+  queue_reply(NLMSG_ERROR, payload, request.sequence);
+}
+
+// What libaudit makes of the first waiting message once it has sent a request.
+int read_outcome(const Request& request) {
+  audit_reply reply;
+  const int received = receive(reply, true);
+  if (received < 0) return received;
+  if (reply.type != NLMSG_ERROR) return static_cast<int>(request.sequence);
+  drop_first();
+  const int error = reply.error->error;
+  return error == 0 ? static_cast<int>(request.sequence) : refuse(error);
+}
+
+void queue_config_change(const std::string& text) {
+  if (text.empty() || !kernel.config_records || kernel.receiver_socket < 0) return;
+  queue_record(AUDIT_CONFIG_CHANGE,
+               "audit(" + std::to_string(std::time(nullptr)) +
+                   ".000:" + std::to_string(kernel.serial++) + "): " + text,
+               0);
+}
+
+int conclude(const Request& request, int error, const std::string& config_change) {
+  if (kernel.ack_order == AckOrder::kRecordFirst) queue_config_change(config_change);
+  queue_ack(request, error);
+  if (kernel.ack_order == AckOrder::kAckFirst) queue_config_change(config_change);
+  return read_outcome(request);
+}
+
+bool is_auditing() {
+  return kernel.status.enabled != kAuditOff;
+}
+bool is_locked() {
+  return kernel.status.enabled == kAuditLocked;
+}
+
+std::string subject_text() {
+  return "auid=" + std::to_string(kernel.loginuid) + " ses=4294967295 subj=unconfined";
+}
+
+// ---- Settings ---------------------------------------------------------------------------------
+
+struct Setting {
+  const char* name;
+  std::uint32_t mask;
+  std::uint32_t audit_status::*value;
+};
+constexpr Setting kEnabled = {"audit_enabled", AUDIT_STATUS_ENABLED, &audit_status::enabled};
+constexpr Setting kPid = {"audit_pid", AUDIT_STATUS_PID, &audit_status::pid};
+constexpr Setting kRateLimit = {"audit_rate_limit", AUDIT_STATUS_RATE_LIMIT,
+                                &audit_status::rate_limit};
+constexpr Setting kBacklogLimit = {"audit_backlog_limit", AUDIT_STATUS_BACKLOG_LIMIT,
+                                   &audit_status::backlog_limit};
+
+// Makes the change unless `error` says why not, and ends the request.
+int conclude_setting(const Setting& setting, std::uint32_t value, int error) {
+  audit_status wanted{};
+  wanted.mask = setting.mask;
+  wanted.*setting.value = value;
+
+  // Whether the change is recorded is decided before it is made: switching auditing on is not.
+  std::string record;
+  if (is_auditing()) {
+    record = std::string("op=set ") + setting.name + "=" + std::to_string(value) +
+             " old=" + std::to_string(kernel.status.*setting.value) + " " + subject_text() +
+             " res=" + (error == 0 ? "1" : "0");
+  }
+  if (error == 0) kernel.status.*setting.value = value;
+  return conclude(make_request(AUDIT_SET, bytes_of(wanted)), error, record);
+}
+
+int change_setting(const Setting& setting, std::uint32_t value) {
+  return conclude_setting(setting, value, is_locked() ? -EPERM : 0);
+}
+
+int check_receiver(std::uint32_t pid) {
+  const bool taken = kernel.other_receiver || kernel.receiver_socket >= 0;
+  if (pid == 0) return kernel.other_receiver ? -EACCES : 0;
+  if (pid != static_cast<std::uint32_t>(getpid())) return -EINVAL;
+  return taken ? -EEXIST : 0;
+}
+
+int change_receiver(int fd, std::uint32_t pid) {
+  const int error = check_receiver(pid);
+  // The kernel tries out whether the receiver still lives before it replaces it.
+  if (kernel.receiver_socket >= 0) queue_reply(AUDIT_REPLACE, bytes_of(pid), 0);
+  if (error == 0) kernel.receiver_socket = pid == 0 ? -1 : fd;
+  return conclude_setting(kPid, pid, error);
+}
+
+int request_status() {
+  const Request request = make_request(AUDIT_GET, {});
+  queue_ack(request, 0);
+  if (!kernel.silent) queue_reply(AUDIT_GET, bytes_of(kernel.status), request.sequence);
+  return read_outcome(request);
+}
+
+// libaudit throws away the records in front of the reply, and gives up at an acknowledgement.
+int read_enabled() {
+  if (request_status() <= 0) return -1;
+  audit_reply reply;
+  while (receive(reply, false) > 0) {
+    if (reply.type == NLMSG_DONE || reply.type == NLMSG_ERROR) return -1;
+    if (reply.type == AUDIT_GET) return static_cast<int>(reply.status->enabled);
+  }
+  return -1;
+}
+
+// ---- Rules ------------------------------------------------------------------------------------
+
+std::size_t size_of(const audit_rule_data& rule) {
+  return sizeof rule + rule.buflen;
+}
+
+std::string_view bytes_of_rule(const audit_rule_data& rule) {
+  return {reinterpret_cast<const char*>(&rule), size_of(rule)};
+}
+
+Rule copy_rule(const audit_rule_data& rule) {
+  void* copy = std::malloc(size_of(rule));
+  if (copy == nullptr) throw std::bad_alloc();
+  std::memcpy(copy, &rule, size_of(rule));
+  return Rule(static_cast<audit_rule_data*>(copy));
+}
+
+std::uint32_t list_of(const audit_rule_data& rule) {
+  return rule.flags & ~kPrepend;
+}
+
+template <typename Table>
+bool contains(const Table& table, std::uint32_t value) {
+  return std::find(table.begin(), table.end(), value) != table.end();
+}
+
+std::size_t text_length(const audit_rule_data& rule) {
+  std::size_t length = 0;
+  for (std::uint32_t i = 0; i < rule.field_count; ++i)
+    if (contains(kTextFields, rule.fields[i])) length += rule.values[i];
+  return length;
+}
+
+// The text of the first such field; the texts lie one behind the other in `buf`.
+std::optional<std::string> text_of(const audit_rule_data& rule, std::uint32_t field) {
+  const char* text = rule.buf;
+  for (std::uint32_t i = 0; i < rule.field_count; ++i) {
+    if (rule.fields[i] == field) return std::string(text, rule.values[i]);
+    if (contains(kTextFields, rule.fields[i])) text += rule.values[i];
+  }
+  return std::nullopt;
+}
+
+bool is_watchable(const audit_rule_data& rule) {
+  const std::optional<std::string> file = text_of(rule, AUDIT_WATCH);
+  const std::optional<std::string> directory = text_of(rule, AUDIT_DIR);
+  if (!file && !directory) return true;
+  if ((file && directory) || list_of(rule) != AUDIT_FILTER_EXIT) return false;
+  const std::string& path = file ? *file : *directory;
+  return path.starts_with('/') && !(file && path.ends_with('/'));
+}
+
+// What the kernel refuses before it looks at its list.
+bool is_valid(const audit_rule_data& rule) {
+  if (!contains(kFilterLists, list_of(rule))) return false;
+  if (rule.action != AUDIT_NEVER && rule.action != AUDIT_ALWAYS) return false;
+  if (rule.field_count > AUDIT_MAX_FIELDS || text_length(rule) > rule.buflen) return false;
+  const std::optional<std::string> key = text_of(rule, AUDIT_FILTERKEY);
+  return (!key || key->size() <= AUDIT_MAX_KEY_LEN) && is_watchable(rule);
+}
+
+template <std::size_t kSize>
+bool same_words(const std::uint32_t (&a)[kSize], const std::uint32_t (&b)[kSize],
+                std::size_t count) {
+  return std::equal(a, a + count, b);
+}
+
+bool same_rule(const audit_rule_data& a, const audit_rule_data& b) {
+  return a.flags == b.flags && a.action == b.action && a.field_count == b.field_count &&
+         a.buflen == b.buflen && same_words(a.fields, b.fields, a.field_count) &&
+         same_words(a.values, b.values, a.field_count) &&
+         same_words(a.fieldflags, b.fieldflags, a.field_count) &&
+         same_words(a.mask, b.mask, AUDIT_BITMASK_SIZE) && std::memcmp(a.buf, b.buf, a.buflen) == 0;
+}
+
+// The flags are compared whole, and no listed rule has the prepend bit: a rule with it is never
+// found.
+auto find_rule(const audit_rule_data& rule) {
+  return std::find_if(kernel.rules.begin(), kernel.rules.end(),
+                      [&](const Rule& listed) { return same_rule(*listed, rule); });
+}
+
+bool is_watch_missing(const audit_rule_data& rule) {
+  if (const auto directory = text_of(rule, AUDIT_DIR)) return !kernel.path_exists(*directory);
+  const auto file = text_of(rule, AUDIT_WATCH);
+  if (!file) return false;
+  const std::size_t last_slash = file->rfind('/');
+  return !kernel.path_exists(last_slash == 0 ? "/" : file->substr(0, last_slash));
+}
+
+void insert_rule(Rule rule) {
+  const bool prepend = (rule->flags & kPrepend) != 0;
+  rule->flags = list_of(*rule);
+  const auto place =
+      std::find_if(kernel.rules.begin(), kernel.rules.end(), [&](const Rule& listed) {
+        return prepend ? listed->flags >= rule->flags : listed->flags > rule->flags;
+      });
+  kernel.rules.insert(place, std::move(rule));
+}
+
+int add_rule(Rule rule) {
+  if (find_rule(*rule) != kernel.rules.end()) return -EEXIST;
+  if (is_watch_missing(*rule)) return -ENOENT;
+  insert_rule(std::move(rule));
+  return 0;
+}
+
+int delete_rule(const audit_rule_data& rule) {
+  const auto found = find_rule(rule);
+  if (found == kernel.rules.end()) return -ENOENT;
+  kernel.rules.erase(found);
+  return 0;
+}
+
+std::string key_text(const audit_rule_data& rule) {
+  const std::optional<std::string> key = text_of(rule, AUDIT_FILTERKEY);
+  if (!key) return "key=(null)";
+  const std::unique_ptr<char, decltype(&std::free)> encoded(
+      audit_encode_nv_string("key", key->c_str(), static_cast<unsigned>(key->size())), std::free);
+  if (!encoded) throw std::bad_alloc();
+  return encoded.get();
+}
+
+std::string rule_change_text(const char* operation, const audit_rule_data& rule, int error) {
+  return subject_text() + " op=" + operation + " " + key_text(rule) +
+         " list=" + std::to_string(list_of(rule)) + " res=" + (error == 0 ? "1" : "0");
+}
+
+std::string locked_text(const char* operation) {
+  return "pid=" + std::to_string(getpid()) + " uid=" + std::to_string(getuid()) + " " +
+         subject_text() + " op=" + operation + " audit_enabled=2 res=0";
+}
+
+int change_rules(bool add, const audit_rule_data& sent) {
+  const Request request = make_request(add ? AUDIT_ADD_RULE : AUDIT_DEL_RULE, bytes_of_rule(sent));
+  const char* operation = add ? "add_rule" : "remove_rule";
+  if (is_locked()) return conclude(request, -EPERM, locked_text(operation));
+  if (!is_valid(sent)) return conclude(request, -EINVAL, {});
+
+  Rule rule = copy_rule(sent);
+  rule->mask[AUDIT_BITMASK_SIZE - 1] &= kLastMaskWordBits;
+  const int error = add ? add_rule(std::move(rule)) : delete_rule(*rule);
+  return conclude(request, error,
+                  is_auditing() ? rule_change_text(operation, sent, error) : std::string());
+}
+
+int send_rule(bool add, int fd, audit_rule_data* rule, int flags, int action) {
+  rule->flags = static_cast<std::uint32_t>(flags);
+  rule->action = static_cast<std::uint32_t>(action);
+  const Call call = add ? Call::kAddRule : Call::kDeleteRule;
+  const bool fits = NLMSG_SPACE(size_of(*rule)) <= MAX_AUDIT_MESSAGE_LENGTH;
+  if (fits && is_socket(fd))
+    kernel.requests.push_back({add, rule->flags, rule->action, copy_rule(*rule)});
+  if (const auto result = begin_request(call, fd)) return *result;
+  if (!fits) return refuse(-EINVAL);
+  return change_rules(add, *rule);
+}
+
+int request_rules() {
+  const Request request = make_request(AUDIT_LIST_RULES, {});
+  queue_ack(request, 0);
+  if (kernel.silent) return read_outcome(request);
+  for (const Rule& rule : kernel.rules)
+    queue_reply(AUDIT_LIST_RULES, bytes_of_rule(*rule), request.sequence);
+  queue_reply(NLMSG_DONE, {}, request.sequence);
+  return read_outcome(request);
+}
+
+// ---- Sockets ----------------------------------------------------------------------------------
+
+int open_socket() {
+  const int fd = kernel.sockets.empty() ? eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)
+                                        : fcntl(kernel.sockets.front(), F_DUPFD_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  kernel.sockets.push_back(fd);
+  show_readiness();
+  return fd;
+}
+
+// What waits goes with the last socket.
+void close_socket(int fd) {
+  if (!is_socket(fd)) return;
+  std::erase(kernel.sockets, fd);
+  close(fd);
+  if (fd == kernel.receiver_socket) kernel.receiver_socket = -1;
+  if (!kernel.sockets.empty()) return;
+  kernel.queue.clear();
+  kernel.shown_readable = false;
+}
+
+void restart(bool on) {
+  for (const int fd : kernel.sockets) close(fd);
+  kernel = Kernel{};
+  kernel.on = on;
+}
+
+}  // namespace
+
+// ---- Interface --------------------------------------------------------------------------------
+
+void FreeRule::operator()(audit_rule_data* rule) const {
+  std::free(rule);
+}
+
+void switch_on() {
+  restart(true);
+}
+void switch_off() {
+  restart(false);
+}
+
+void set_ack_order(AckOrder order) {
+  kernel.ack_order = order;
+}
+void set_auditing(bool on) {
+  kernel.status.enabled = on ? kAuditOn : kAuditOff;
+}
+void set_locked(bool locked) {
+  kernel.status.enabled = locked ? kAuditLocked : kAuditOn;
+}
+void set_silent(bool silent) {
+  kernel.silent = silent;
+}
+void set_config_records(bool wanted) {
+  kernel.config_records = wanted;
+}
+void set_other_receiver(bool present) {
+  kernel.other_receiver = present;
+}
+void set_loginuid(uid_t uid) {
+  kernel.loginuid = uid;
+}
+void set_path_check(std::function<bool(const std::string& path)> exists) {
+  kernel.path_exists = std::move(exists);
+}
+
+void fail_call_number(unsigned n, int result) {
+  kernel.calls_to_failure = n;
+  kernel.planned_result = result;
+}
+
+void fail(Call call, int result, unsigned times) {
+  kernel.failures.at(static_cast<std::size_t>(call)) = {result, times};
+}
+
+void preload_rule(const audit_rule_data& rule) {
+  insert_rule(copy_rule(rule));
+}
+
+void feed(int type, std::string_view payload, std::uint32_t sequence) {
+  if (payload.size() > MAX_AUDIT_MESSAGE_LENGTH)
+    throw std::length_error("a message of " + std::to_string(payload.size()) +
+                            " bytes does not fit into libaudit's buffer");
+  if (is_record(type)) {
+    queue_record(type, payload, sequence);
+  } else {
+    queue_reply(type, payload, sequence);
+  }
+}
+
+unsigned calls(Call call) {
+  if (call != Call::kCount) return kernel.calls[static_cast<std::size_t>(call)];
+  unsigned all = 0;
+  for (const unsigned count : kernel.calls) all += count;
+  return all;
+}
+
+const std::vector<Rule>& rules() {
+  return kernel.rules;
+}
+const std::vector<RuleRequest>& requests() {
+  return kernel.requests;
+}
+std::size_t waiting() {
+  return kernel.queue.size();
+}
+bool is_open() {
+  return !kernel.sockets.empty();
+}
+std::uint32_t receiver_pid() {
+  return kernel.status.pid;
+}
+std::uint32_t enabled() {
+  return kernel.status.enabled;
+}
+std::uint32_t rate_limit() {
+  return kernel.status.rate_limit;
+}
+std::uint32_t backlog_limit() {
+  return kernel.status.backlog_limit;
+}
+
+}  // namespace offline
+
+// ---- In place of libaudit ---------------------------------------------------------------------
+
+using namespace offline;
+
+extern "C" {
+
+int audit_open(void) {
+  if (!kernel.on) return forward<decltype(audit_open)>("audit_open");
+  if (begin_call(Call::kOpen)) return -1;
+  return open_socket();
+}
+
+void audit_close(int fd) {
+  if (!kernel.on) return forward<decltype(audit_close)>("audit_close", fd);
+  begin_call(Call::kClose);
+  close_socket(fd);
+}
+
+int audit_set_pid(int fd, uint32_t pid, rep_wait_t wait) {
+  if (!kernel.on) return forward<decltype(audit_set_pid)>("audit_set_pid", fd, pid, wait);
+  if (const auto result = begin_request(Call::kSetPid, fd)) return *result;
+  const int result = change_receiver(fd, pid);
+  if (result < 0) return result;
+  // Asked to wait, libaudit reads one more message and does not look at it.
+  if (wait == WAIT_YES && !kernel.queue.empty()) drop_first();
+  return 1;
+}
+
+int audit_is_enabled(int fd) {
+  if (!kernel.on) return forward<decltype(audit_is_enabled)>("audit_is_enabled", fd);
+  if (const auto result = begin_call(Call::kIsEnabled)) return *result;
+  if (fd < 0) return 0;
+  return is_socket(fd) ? read_enabled() : -1;
+}
+
+int audit_set_enabled(int fd, uint32_t enabled) {
+  if (!kernel.on) return forward<decltype(audit_set_enabled)>("audit_set_enabled", fd, enabled);
+  if (const auto result = begin_request(Call::kSetEnabled, fd)) return *result;
+  if (enabled > kAuditLocked) return conclude_setting(kEnabled, enabled, -EINVAL);
+  return change_setting(kEnabled, enabled);
+}
+
+int audit_set_rate_limit(int fd, uint32_t limit) {
+  if (!kernel.on) return forward<decltype(audit_set_rate_limit)>("audit_set_rate_limit", fd, limit);
+  if (const auto result = begin_request(Call::kSetRateLimit, fd)) return *result;
+  return change_setting(kRateLimit, limit);
+}
+
+int audit_set_backlog_limit(int fd, uint32_t limit) {
+  if (!kernel.on)
+    return forward<decltype(audit_set_backlog_limit)>("audit_set_backlog_limit", fd, limit);
+  if (const auto result = begin_request(Call::kSetBacklogLimit, fd)) return *result;
+  return change_setting(kBacklogLimit, limit);
+}
+
+int audit_request_status(int fd) {
+  if (!kernel.on) return forward<decltype(audit_request_status)>("audit_request_status", fd);
+  if (const auto result = begin_request(Call::kRequestStatus, fd)) return *result;
+  return request_status();
+}
+
+int audit_request_rules_list_data(int fd) {
+  if (!kernel.on)
+    return forward<decltype(audit_request_rules_list_data)>("audit_request_rules_list_data", fd);
+  if (const auto result = begin_request(Call::kRequestRules, fd)) return *result;
+  return request_rules();
+}
+
+// Blocking on an empty queue would last for ever here, so it ends with -EAGAIN, too.
+int audit_get_reply(int fd, audit_reply* reply, reply_t block, int peek) {
+  if (!kernel.on)
+    return forward<decltype(audit_get_reply)>("audit_get_reply", fd, reply, block, peek);
+  if (const auto result = begin_request(Call::kGetReply, fd)) return *result;
+  return receive(*reply, (peek & MSG_PEEK) != 0);
+}
+
+int audit_add_rule_data(int fd, audit_rule_data* rule, int flags, int action) {
+  if (!kernel.on)
+    return forward<decltype(audit_add_rule_data)>("audit_add_rule_data", fd, rule, flags, action);
+  return send_rule(true, fd, rule, flags, action);
+}
+
+int audit_delete_rule_data(int fd, audit_rule_data* rule, int flags, int action) {
+  if (!kernel.on)
+    return forward<decltype(audit_delete_rule_data)>("audit_delete_rule_data", fd, rule, flags,
+                                                     action);
+  return send_rule(false, fd, rule, flags, action);
+}
+
+uid_t audit_getloginuid(void) {
+  if (!kernel.on) return forward<decltype(audit_getloginuid)>("audit_getloginuid");
+  if (const auto result = begin_call(Call::kGetLoginUid)) return static_cast<uid_t>(*result);
+  return kernel.loginuid;
+}
+}
