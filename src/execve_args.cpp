@@ -1,0 +1,281 @@
+#include "execve_args.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "log.h"
+#include "memory.h"
+#include "record_text.h"
+
+// The kernel writes "argc=N a0=... a1=...", each argument quoted or as hexadecimal digits. One that
+// does not fit its record is announced as "aN_len=LENGTH", the number of characters it is written
+// with, quotes not counted, and comes as "aN[0]=... aN[1]=...", in as many records as it takes.
+// Every field is found by plain substring search for the slot that is to be filled next.
+//
+// Work per record is linear in its length whatever it holds: a search that fails is not made again.
+
+namespace {
+
+constexpr char kLogSource[] = "audit_msg";
+
+// What one program may take up. The kernel's own limit for one argument is 128 KiB.
+constexpr std::int32_t kMaxArguments = 40000;
+constexpr std::int32_t kMaxSplitLength = 32768;
+
+constexpr std::int32_t kNoIndex = std::numeric_limits<std::int32_t>::max();
+constexpr std::string_view kArgc = "argc=";
+constexpr std::string_view kLength = "_len=";
+
+char* empty_text() {
+  return QEL_CHECKED(qel::copy_of(""));
+}
+
+char* decode(std::string_view value) {
+  return QEL_CHECKED(qel::decode_field_value(value));
+}
+
+bool is_decimal(char c) {
+  return c >= '0' && c <= '9';
+}
+
+bool is_separator(char c) {
+  return c == '=' || c == '_' || c == '[';
+}
+
+std::int32_t to_int32(std::string_view decimal) {
+  return static_cast<std::int32_t>(qel::to_number(decimal, 10));
+}
+
+// Reads a decimal number as printf(3) writes it, without a sign or leading zeros, or returns
+// kNoIndex.
+std::int32_t read_index(const char*& at, const char* end) {
+  constexpr std::ptrdiff_t kMaxDigits = 9;
+  const char* const from = at;
+  std::int32_t index = 0;
+  for (; at != end && is_decimal(*at) && at - from < kMaxDigits; ++at)
+    index = index * 10 + (*at - '0');
+  const bool plain = at != from && (at - from == 1 || *from != '0');
+  return plain ? index : kNoIndex;
+}
+
+// A word that may be an argument's: "a", a number and a separator.
+struct Word {
+  char separator = '\0';          // 0 when it is not
+  std::int32_t index = kNoIndex;  // when the number is written as the kernel does
+  const char* behind = nullptr;   // behind the separator
+};
+
+Word read_word(const char* at, const char* end) {
+  if (at == end || *at++ != 'a') return {};
+  Word word;
+  word.index = read_index(at, end);
+  if (word.index == kNoIndex) {
+    // As scanf(3)'s "a%d" would have it: blanks and a sign are let pass.
+    while (at != end && (*at == ' ' || (*at >= '\t' && *at <= '\r'))) ++at;
+    if (at != end && (*at == '+' || *at == '-')) ++at;
+    const char* const digits = at;
+    at = std::find_if_not(at, end, is_decimal);
+    if (at == digits) return {};
+  }
+  if (at == end || !is_separator(*at)) return {};
+  word.separator = *at;
+  word.behind = at + 1;
+  return word;
+}
+
+// One pass over one record.
+class ArgumentReader {
+ public:
+  ArgumentReader(audit_ctx& ctx, std::string_view text)
+      : ctx_(ctx), at_(text.data()), end_(text.data() + text.size()) {}
+
+  bool read() {
+    if (ctx_.argc == 0 && !read_count()) return false;
+    while (ctx_.arg_index < ctx_.argc && at_ != end_) {
+      if (!read_one(read_word(at_, end_))) return false;
+    }
+    return true;
+  }
+
+ private:
+  bool read_count() {
+    const char* field = qel::find_field(at_, end_, kArgc);
+    if (field == nullptr) return false;
+    ctx_.argc = to_int32(take_value(field + kArgc.size()));
+    if (ctx_.argc <= 0) return false;
+    ctx_.argc = std::min(ctx_.argc, kMaxArguments);
+    ctx_.arg_index = 0;
+    ctx_.argv = static_cast<char**>(
+        QEL_CHECKED(std::calloc(static_cast<std::size_t>(ctx_.argc), sizeof(char*))));
+    return true;
+  }
+
+  bool read_one(const Word& word) {
+    if (word.separator == '\0') {
+      skip_word();
+      return true;
+    }
+    if (ctx_.arg_left > 0) {
+      if (word.separator == '[') {
+        read_piece(word);
+      } else {
+        abandon_split();
+      }
+      return true;
+    }
+    if (word.separator == '_') return read_announcement(word);
+    if (word.separator == '=') {
+      read_argument(word);
+    } else {
+      skip_word();  // a piece of an argument that was cut
+    }
+    return true;
+  }
+
+  void read_argument(const Word& word) {
+    const bool expected = word.index == ctx_.arg_index;
+    const char* value = expected ? word.behind : skip_to_argument("=");
+    if (value != nullptr) fill_slot(decode(take_value(value)));
+  }
+
+  bool read_announcement(const Word& word) {
+    const std::string_view rest(word.behind, static_cast<std::size_t>(end_ - word.behind));
+    const bool expected = word.index == ctx_.arg_index && rest.starts_with(kLength.substr(1));
+    const char* value = expected ? word.behind + kLength.size() - 1 : skip_to_argument(kLength);
+    if (value == nullptr) return true;
+    ctx_.arg_left = to_int32(take_value(value));
+    ctx_.arg_parts = 0;
+    ctx_.arg_offset = 0;
+    piece_missing_ = false;
+    if (ctx_.arg_left <= 0) return false;
+    ctx_.arg_left = std::min(ctx_.arg_left, kMaxSplitLength);
+    return true;
+  }
+
+  // Looks for the field of the slot to fill, or of the first slot behind it that has one in the
+  // rest of the record; the slots in between stay without text. Returns the place of its value, or
+  // null when no slot has one.
+  const char* skip_to_argument(std::string_view suffix) {
+    std::int32_t nearest = ctx_.argc;
+    const char* value = nullptr;
+    for (const char* at = at_; nearest != ctx_.arg_index; ++at) {
+      at = qel::find_field(at, end_, suffix);
+      if (at == nullptr) break;
+      const std::int32_t index = index_before(at);
+      if (index < ctx_.arg_index || index >= nearest) continue;
+      nearest = index;
+      value = at + suffix.size();
+    }
+    while (ctx_.arg_index < nearest) fill_slot(empty_text());
+    return value;
+  }
+
+  // The number of an "aN" that ends at `behind`, or kNoIndex.
+  std::int32_t index_before(const char* behind) const {
+    const char* at = behind;
+    while (at != at_ && is_decimal(at[-1])) --at;
+    if (at == at_ || at[-1] != 'a') return kNoIndex;
+    const std::int32_t index = read_index(at, behind);
+    return at == behind ? index : kNoIndex;
+  }
+
+  void read_piece(const Word& word) {
+    const char* value = piece_behind(word);
+    if (value == nullptr) {
+      skip_word();
+      return;
+    }
+    add_piece(take_value(value));
+    ++ctx_.arg_parts;
+    if (ctx_.arg_left <= 0) finish_split();
+  }
+
+  // The place of the value of the piece that comes next, or null when the rest of the record has
+  // none.
+  const char* piece_behind(const Word& word) {
+    if (word.index == ctx_.arg_index) {
+      const char* at = word.behind;
+      if (read_index(at, end_) == ctx_.arg_parts && end_ - at >= 2 && at[0] == ']' && at[1] == '=')
+        return at + 2;
+    }
+    if (piece_missing_) return nullptr;
+    char name[64];
+    const auto length = static_cast<std::size_t>(
+        str_snprintf(name, sizeof(name), "a%d[%d]=", ctx_.arg_index, ctx_.arg_parts));
+    const char* found = qel::find_field(at_, end_, {name, length});
+    piece_missing_ = found == nullptr;
+    return piece_missing_ ? nullptr : found + length;
+  }
+
+  // Appends a piece, cut to the announced length. Pieces are put together in their written form: a
+  // quoted argument keeps its opening quote, and each piece overwrites the closing quote of the one
+  // before. Room: the buffer has arg_left + 3 bytes at first, and from then on never less than
+  // arg_left + 2 behind arg_offset.
+  void add_piece(std::string_view piece) {
+    const bool first = ctx_.arg_parts == 0;
+    const std::int32_t quotes = piece.starts_with('"') ? 1 : 0;
+    if (first) new_buffer();
+    if (!first) piece.remove_prefix(static_cast<std::size_t>(quotes));
+    const std::int32_t opening = first ? quotes : 0;
+    const std::int32_t room = ctx_.arg_left + quotes + opening;
+    const std::int32_t stored = std::min(static_cast<std::int32_t>(piece.size()), room);
+
+    char* const to = ctx_.argv[ctx_.arg_index] + ctx_.arg_offset;
+    std::memcpy(to, piece.data(), static_cast<std::size_t>(stored));
+    to[stored] = '\0';
+    if (stored < quotes) return;  // nothing but a quote
+    ctx_.arg_offset += stored - quotes;
+    ctx_.arg_left -= stored - quotes - opening;
+  }
+
+  void new_buffer() {
+    ctx_.argv[ctx_.arg_index] =
+        static_cast<char*>(QEL_CHECKED(std::malloc(static_cast<std::size_t>(ctx_.arg_left) + 3)));
+  }
+
+  void finish_split() {
+    const qel::Owned<char> written(std::exchange(ctx_.argv[ctx_.arg_index], nullptr));
+    fill_slot(decode({written.get(), static_cast<std::size_t>(ctx_.arg_offset)}));
+  }
+
+  // Another argument's field came before the last piece: what has come stays, as it was written.
+  void abandon_split() {
+    ctx_.arg_left = 0;
+    char* const written = ctx_.argv[ctx_.arg_index];
+    fill_slot(written != nullptr ? written : empty_text());
+  }
+
+  void fill_slot(char* text) { ctx_.argv[ctx_.arg_index++] = text; }
+
+  std::string_view take_value(const char* from) {
+    at_ = qel::end_of_value(from, end_);
+    return {from, static_cast<std::size_t>(at_ - from)};
+  }
+
+  void skip_word() {
+    at_ = qel::end_of_value(at_, end_);
+    if (at_ != end_) ++at_;
+  }
+
+  audit_ctx& ctx_;
+  const char* at_;
+  const char* const end_;
+  bool piece_missing_ = false;  // the rest of the record does not have the piece that comes next
+};
+
+}  // namespace
+
+bool add_execve_args(audit_ctx& ctx, std::string_view text) {
+  return ArgumentReader(ctx, text).read();
+}
+
+void complete_execve_args(audit_ctx& ctx) {
+  for (std::int32_t i = std::max(ctx.arg_index, 0); i < ctx.argc; ++i) {
+    std::free(ctx.argv[i]);
+    ctx.argv[i] = empty_text();
+  }
+}

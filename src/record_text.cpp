@@ -1,0 +1,212 @@
+#include "record_text.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <limits>
+
+namespace qel {
+namespace {
+
+constexpr std::string_view kHeader = "audit(";
+constexpr unsigned kNoDigit = 36;
+
+bool is_blank(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+bool is_decimal(char c) {
+  return c >= '0' && c <= '9';
+}
+
+unsigned digit_value(char c) {
+  if (is_decimal(c)) return static_cast<unsigned>(c - '0');
+  if (c >= 'a' && c <= 'z') return static_cast<unsigned>(c - 'a') + 10;
+  if (c >= 'A' && c <= 'Z') return static_cast<unsigned>(c - 'A') + 10;
+  return kNoDigit;
+}
+
+const char* skip_blanks(const char* at, const char* end) {
+  return std::find_if_not(at, end, is_blank);
+}
+
+// Takes a sign off the front; true for a minus.
+bool take_sign(const char*& at, const char* end) {
+  if (at == end || (*at != '+' && *at != '-')) return false;
+  return *at++ == '-';
+}
+
+// Takes digits off the front. A number that does not fit becomes the largest, with or without a
+// sign.
+std::uint64_t take_digits(const char*& at, const char* end, unsigned base, bool negative) {
+  constexpr std::uint64_t kLargest = std::numeric_limits<std::uint64_t>::max();
+  std::uint64_t sum = 0;
+  bool overflow = false;
+  for (; at != end && digit_value(*at) < base; ++at) {
+    overflow |= __builtin_mul_overflow(sum, base, &sum);
+    overflow |= __builtin_add_overflow(sum, digit_value(*at), &sum);
+  }
+  if (overflow) return kLargest;
+  return negative ? 0 - sum : sum;
+}
+
+bool has_hex_prefix(const char* at, const char* end) {
+  return end - at > 2 && at[0] == '0' && (at[1] | 0x20) == 'x' && digit_value(at[2]) < 16;
+}
+
+// Reads a number as scanf(3)'s "%u" does. Returns false when there are no digits.
+bool scan_number(const char*& at, const char* end, std::uint64_t& number) {
+  at = skip_blanks(at, end);
+  const bool negative = take_sign(at, end);
+  if (at == end || !is_decimal(*at)) return false;
+  number = take_digits(at, end, 10, negative);
+  return true;
+}
+
+bool scan_character(const char*& at, const char* end, char expected) {
+  if (at == end || *at != expected) return false;
+  ++at;
+  return true;
+}
+
+// Reads what stands between the parentheses, with the manners of scanf(3)'s "%*u.%*u:%u".
+bool scan_stamp(std::string_view stamp, std::uint32_t& serial) {
+  const char* at = stamp.data();
+  const char* const end = at + stamp.size();
+  std::uint64_t number = 0;
+  if (!scan_number(at, end, number) || !scan_character(at, end, '.')) return false;
+  if (!scan_number(at, end, number) || !scan_character(at, end, ':')) return false;
+  if (!scan_number(at, end, number)) return false;
+  serial = static_cast<std::uint32_t>(number);
+  return true;
+}
+
+// Steps over one or more digits.
+bool skip_digits(const char*& at, const char* end) {
+  const char* const from = at;
+  at = std::find_if_not(at, end, is_decimal);
+  return at != from;
+}
+
+// Reads a header exactly as the kernel writes it.
+bool read_plain_header(std::string_view text, std::uint32_t& serial, const char*& behind) {
+  constexpr std::ptrdiff_t kMaxDigits = 10;
+  if (!text.starts_with(kHeader)) return false;
+  const char* const end = text.data() + text.size();
+  const char* at = text.data() + kHeader.size();
+  if (!skip_digits(at, end) || !scan_character(at, end, '.')) return false;
+  if (!skip_digits(at, end) || !scan_character(at, end, ':')) return false;
+  const char* const digits = at;
+  std::uint64_t number = 0;
+  for (; at != end && is_decimal(*at); ++at) {
+    number = number * 10 + static_cast<std::uint64_t>(*at - '0');
+  }
+  if (at == digits || at - digits > kMaxDigits) return false;
+  if (!scan_character(at, end, ')') || !scan_character(at, end, ':')) return false;
+  serial = static_cast<std::uint32_t>(number);
+  behind = at;
+  return true;
+}
+
+// What stands behind the opening character of a value, up to the closing one if there is one.
+std::string_view inside(std::string_view value, char closing) {
+  value.remove_prefix(1);
+  return value.substr(0, value.find(closing));
+}
+
+bool is_hexadecimal(std::string_view value) {
+  return !value.starts_with('"') && !value.starts_with('(');
+}
+
+// Whether `name`, without its "=", stands right before `equals` and not before `from`.
+bool stands_before(const char* equals, const char* from, std::string_view name) {
+  return equals - from >= static_cast<std::ptrdiff_t>(name.size()) &&
+         std::memcmp(equals - name.size(), name.data(), name.size()) == 0;
+}
+
+const char* find_equals(const char* from, const char* end) {
+  if (from == end) return nullptr;
+  return static_cast<const char*>(std::memchr(from, '=', static_cast<std::size_t>(end - from)));
+}
+
+}  // namespace
+
+bool read_serial(std::string_view text, std::uint32_t& serial, const char*& behind) {
+  if (read_plain_header(text, serial, behind)) [[likely]]
+    return true;
+  behind = text.data();
+  const std::size_t header = text.find(kHeader);
+  if (header == text.npos) return false;
+  const std::string_view stamp = text.substr(header + kHeader.size());
+  return scan_stamp(stamp.substr(0, stamp.find(')')), serial);
+}
+
+std::uint64_t to_number(std::string_view value, int base) {
+  const char* const end = value.data() + value.size();
+  const char* at = skip_blanks(value.data(), end);
+  const bool negative = take_sign(at, end);
+  if ((base == 16 || base == 0) && has_hex_prefix(at, end)) {
+    at += 2;
+    base = 16;
+  }
+  if (base == 0) base = at != end && *at == '0' ? 8 : 10;
+  return take_digits(at, end, static_cast<unsigned>(base), negative);
+}
+
+unsigned hex_value(char digit) {
+  const unsigned value = digit_value(digit);
+  return value < 16 ? value : 0;
+}
+
+std::size_t decode_hex(std::string_view source, void* destination, std::size_t room) {
+  auto* to = static_cast<unsigned char*>(destination);
+  const char* at = source.data();
+  const std::size_t most = std::min(source.size() / 2, room);
+  std::size_t written = 0;
+  for (; written < most; ++written, at += 2) {
+    const unsigned high = digit_value(at[0]);
+    const unsigned low = digit_value(at[1]);
+    if (high >= 16 || low >= 16) break;
+    to[written] = static_cast<unsigned char>(high << 4 | low);
+  }
+  return written;
+}
+
+void decode_field_value(std::string_view value, char* destination, std::size_t room) {
+  if (is_hexadecimal(value)) {
+    destination[decode_hex(value, destination, room - 1)] = '\0';
+    return;
+  }
+  const std::string_view text = inside(value, value.front() == '"' ? '"' : ')');
+  destination[text.copy(destination, room - 1)] = '\0';
+}
+
+char* decode_field_value(std::string_view value) {
+  const std::size_t room = (is_hexadecimal(value) ? value.size() / 2 : value.size()) + 1;
+  auto* text = static_cast<char*>(std::malloc(room));
+  if (text != nullptr) decode_field_value(value, text, room);
+  return text;
+}
+
+const char* find_field(const char* from, const char* end, std::string_view name) {
+  name.remove_suffix(1);
+  for (const char* at = from; (at = find_equals(at, end)) != nullptr; ++at) {
+    if (stands_before(at, from, name)) return at - name.size();
+  }
+  return nullptr;
+}
+
+const char* find_key(const char* from, const char* end) {
+  const char* at = from;
+  while ((at = find_equals(at, end)) != nullptr) {
+    if (stands_before(at, from, "key")) return at - std::strlen("key");
+    if (stands_before(at, from, "exe")) {
+      from = end_of_value(at + 1, end);
+      at = from;
+    } else {
+      ++at;
+    }
+  }
+  return nullptr;
+}
+
+}  // namespace qel

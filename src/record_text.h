@@ -1,0 +1,140 @@
+// Reading the text of an audit record: header, fields, numbers and encoded values.
+//
+// Pure functions of a text and a place in it; nothing is logged, kept or changed. A field is found
+// by plain substring search for its name, and its value runs to the next space. The kernel writes
+// fields in a fixed order, each behind one space, so the next field is first looked for right where
+// the last one ended, and searched for only when it is not there: a record is walked about once.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+namespace qel {
+
+// Reads the serial of "audit(SECONDS.MILLISECONDS:SERIAL)" and stores the place behind the header
+// when the text starts with one as the kernel writes it, otherwise the text's start. Returns
+// whether there is a readable serial.
+bool read_serial(std::string_view text, std::uint32_t& serial, const char*& behind);
+
+// Converts as strtoull(3) does: leading blanks, a sign, a prefix for base 16 and base 0, digits up
+// to the first other character; the largest number when it does not fit and 0 when there are no
+// digits.
+std::uint64_t to_number(std::string_view value, int base);
+
+// The value of a hexadecimal digit, or 0 for another character.
+unsigned hex_value(char digit);
+
+// Decodes pairs of hexadecimal digits from the start of `source` into at most `room` bytes; an odd
+// last digit is left out. Returns the number of bytes. Nothing is terminated.
+std::size_t decode_hex(std::string_view source, void* destination, std::size_t room);
+
+// Stores the text that a value stands for: what is inside the quotes or parentheses, or the bytes
+// that hexadecimal digits encode. Terminates it and cuts it to `room` bytes, at least 1, the
+// terminator included.
+void decode_field_value(std::string_view value, char* destination, std::size_t room);
+
+// The same as a new text in malloc(3) storage. Null when memory is exhausted.
+char* decode_field_value(std::string_view value);
+
+// The place of the first `name` (which ends in its only "=") at or behind `from`, or null.
+const char* find_field(const char* from, const char* end, std::string_view name);
+
+// The place of the first "key=" at or behind `from` that is not part of the value of "exe=", or
+// null. The kernel writes exe before key and leaves "=" as it is, so a program's path could pose as
+// a key.
+const char* find_key(const char* from, const char* end);
+
+inline const char* end_of_value(const char* from, const char* end) {
+  if (from == end) return end;
+  const void* space = std::memchr(from, ' ', static_cast<std::size_t>(end - from));
+  return space != nullptr ? static_cast<const char*>(space) : end;
+}
+
+// Walks the fields of a record from left to right. Each reader looks for its field behind the value
+// of the last one found, and leaves its result and the place alone when there is none.
+class FieldWalk {
+ public:
+  FieldWalk(const char* from, const char* end) : at_(from), end_(end) {}
+
+  bool hex(std::string_view name, std::uint64_t& result) { return number<16>(name, result); }
+  bool hex(std::string_view name, std::uint32_t& result) { return number<16>(name, result); }
+  bool decimal(std::string_view name, std::uint32_t& result) { return number<10>(name, result); }
+
+  // A number in any base that strtoull(3) recognises with base 0.
+  bool any_base(std::string_view name, std::int32_t& result) {
+    std::string_view value;
+    if (!text(name, value)) return false;
+    result = static_cast<std::int32_t>(to_number(value, 0));
+    return true;
+  }
+
+  bool text(std::string_view name, std::string_view& value) {
+    const char* from = find(name);
+    if (from == nullptr) return false;
+    take_value(from, value);
+    return true;
+  }
+
+  bool key(std::string_view& value) {
+    const char* name = find_key(at_, end_);
+    if (name == nullptr) return false;
+    take_value(name + std::strlen("key="), value);
+    return true;
+  }
+
+ private:
+  // The place of the field's value, or null.
+  const char* find(std::string_view name) const {
+    const std::size_t blank = name.front() == ' ' ? 0 : 1;
+    const auto left = static_cast<std::size_t>(end_ - at_);
+    if (left >= blank + name.size() && *at_ == ' ' &&
+        std::memcmp(at_ + blank, name.data(), name.size()) == 0) [[likely]]
+      return at_ + blank + name.size();
+    const char* found = find_field(at_, end_, name);
+    return found == nullptr ? nullptr : found + name.size();
+  }
+
+  void take_value(const char* from, std::string_view& value) {
+    at_ = end_of_value(from, end_);
+    value = {from, static_cast<std::size_t>(at_ - from)};
+  }
+
+  template <int Base>
+  static unsigned digit_value(char c) {
+    const auto decimal = static_cast<unsigned>(static_cast<unsigned char>(c)) - '0';
+    if (decimal < 10 || Base == 10) return decimal;
+    const auto letter = (static_cast<unsigned>(static_cast<unsigned char>(c)) | 0x20) - 'a';
+    return letter < 6 ? letter + 10 : Base;
+  }
+
+  // Digits up to the space are read by hand; anything else has strtoull's manners.
+  template <int Base, typename Number>
+  bool number(std::string_view name, Number& result) {
+    constexpr std::ptrdiff_t kSafeDigits = 16;  // fit 64 bits in either base
+    const char* const from = find(name);
+    if (from == nullptr) return false;
+    const char* at = from;
+    std::uint64_t sum = 0;
+    for (; at != end_; ++at) {
+      const unsigned digit = digit_value<Base>(*at);
+      if (digit >= Base) break;
+      sum = sum * Base + digit;
+    }
+    if ((at == end_ || *at == ' ') && at - from <= kSafeDigits) [[likely]] {
+      at_ = at;
+    } else {
+      std::string_view value;
+      take_value(from, value);
+      sum = to_number(value, Base);
+    }
+    result = static_cast<Number>(sum);
+    return true;
+  }
+
+  const char* at_;
+  const char* const end_;
+};
+
+}  // namespace qel
