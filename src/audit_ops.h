@@ -1,0 +1,87 @@
+// The five event classes as data: for each class the operations through which registry and dispatch
+// treat all classes alike, and the runner that hands an event to a client's callback.
+#pragma once
+
+#include <qel_audit.h>
+#include <qel_base.h>
+
+#include <cstdint>
+
+// A client's function, of its class's callback type, and the argument it gets.
+struct callback_pair {
+  void (*function)();
+  void* arg;
+};
+
+// A key as it is stored: the address of a text, or a port in network byte order in the first 16
+// bits.
+union key_slot {
+  const char* text;
+  std::uint16_t port;
+};
+static_assert(sizeof(key_slot) == 8);
+
+// The operations of one class. `event` is always a whole event record, `type` first.
+struct event_class_ops {
+  const char* name;
+  // Text for log lines, valid until the next call.
+  const char* (*filter_to_string)(const std::uint32_t* filter);
+  void (*set_filter)(const void* event, std::uint32_t* filter);
+  // 0 when the filters are the same registration.
+  int (*filter_compare)(const std::uint32_t* a, const std::uint32_t* b);
+  // 0 when an event with filter value `value` passes the registered filter.
+  int (*filter_match)(const std::uint32_t* registered, const std::uint32_t* value);
+  // Nonzero when the key stands for every event of the class.
+  int (*key_is_global)(const key_slot* key);
+  const char* (*key_to_string)(const key_slot* key);
+  // 0 when the keys are equal.
+  int (*key_compare)(const key_slot* a, const key_slot* b);
+  void (*set_key)(const void* event, key_slot* key);
+  void (*run)(const void* event, const callback_pair* callback);
+  void* reserved[2];
+};
+static_assert(sizeof(event_class_ops) == 12 * sizeof(void*));
+
+// What xhash_create2 needs for a class's table of key buckets, whose keys are addresses of key
+// slots.
+struct key_hash_ops {
+  xhash_release_fn release;
+  xhash_hash_fn hash;
+  xhash_compare_fn compare;
+};
+
+// The hash of a text in this library's tables: seed 5318, times 33 plus byte, terminator included.
+std::uint32_t hash_text(const char* text);
+
+extern "C" {
+
+extern QEL_API const event_class_ops* const audit_ops[QEL_CLASS_COUNT];
+extern QEL_API const key_hash_ops audit_hash_func[QEL_CLASS_COUNT];
+
+QEL_API void set_login_filter_func(const void* event, std::uint32_t* filter);
+QEL_API void set_user_filter_func(const void* event, std::uint32_t* filter);
+QEL_API void set_syscall_filter_func(const void* event, std::uint32_t* filter);
+QEL_API void set_execve_filter_func(const void* event, std::uint32_t* filter);
+QEL_API void set_bind_filter_func(const void* event, std::uint32_t* filter);
+
+QEL_API void set_login_key_func(const void* event, key_slot* key);
+QEL_API void set_user_key_func(const void* event, key_slot* key);
+QEL_API void set_syscall_key_func(const void* event, key_slot* key);
+QEL_API void set_execve_key_func(const void* event, key_slot* key);
+QEL_API void set_bind_key_func(const void* event, key_slot* key);
+
+// Each logs one line at debug level and calls the callback with the event's `info`.
+QEL_API void run_login_callback(const void* event, const callback_pair* callback);
+QEL_API void run_user_callback(const void* event, const callback_pair* callback);
+QEL_API void run_syscall_callback(const void* event, const callback_pair* callback);
+QEL_API void run_execve_callback(const void* event, const callback_pair* callback);
+QEL_API void run_bind_callback(const void* event, const callback_pair* callback);
+
+// The printable form of a socket address of sockaddr_storage's size: the path in place for AF_UNIX,
+// an IP address, "PORTID.GROUPS" for AF_NETLINK, "IFINDEX.PROTOCOL" for AF_PACKET, otherwise an
+// empty text. Valid until the next call.
+QEL_API const char* get_socket_addr(const void* address);
+
+// The port in network byte order of an AF_INET or AF_INET6 address, otherwise 0.
+QEL_API std::uint16_t get_socket_port(const void* address);
+}
