@@ -1,0 +1,549 @@
+#include "audit_rule.h"
+
+#include <libaudit.h>
+#include <libgen.h>
+#include <limits.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "log.h"
+#include "memory.h"
+#include "rule_line.h"
+
+namespace {
+
+constexpr char kLogSource[] = "audit_rule";
+
+constexpr std::uint32_t kBacklogLimit = 102400;  // records that the kernel keeps for a slow reader
+constexpr std::uint32_t kNoRateLimit = 0;
+constexpr int kLocked = 2;  // audit_is_enabled: the configuration cannot be changed until reboot
+
+constexpr int kRuleFlags = AUDIT_FILTER_EXIT | AUDIT_FILTER_PREPEND;
+
+constexpr int kMaxSyscallRules = 256;
+constexpr std::size_t kKeyPairSize = 40;
+constexpr std::size_t kMaxPathLength = PATH_MAX - 1;
+constexpr std::size_t kMaxNameLength = NAME_MAX;
+constexpr std::size_t kMaxPermissions = 4;
+
+// libaudit refuses a key with this result on a rule that has only a system call, until the process
+// has built a rule with a permission field.
+constexpr int kKeyNeedsSyscallOrPermission = -19;
+
+constexpr int kListWait_ms = 100;
+constexpr int kMaxEmptyReads = 40;
+
+// Rules are made, and freed, as libaudit does it: it moves them when a string field is added.
+using Rule = qel::Owned<audit_rule_data>;
+
+struct State {
+  bool passwd_loaded;
+  bool shadow_loaded;
+  bool wtmp_loaded;
+  bool execve_loaded;
+  bool bind_loaded;
+  int syscall_count;
+  char* syscalls[kMaxSyscallRules];  // names with a loaded rule each, in order of loading; owned
+};
+State state;
+
+// ---- Building and sending a rule ---------------------------------------------------------------
+
+Rule new_rule() {
+  return Rule(QEL_CHECKED(qel::new_zeroed<audit_rule_data>()));
+}
+
+// Calls a libaudit function that may move the rule.
+template <typename Function>
+int with_rule_address(Rule& rule, Function function) {
+  audit_rule_data* moved = rule.release();
+  const int result = function(&moved);
+  rule.reset(moved);
+  return result;
+}
+
+// libaudit writes into the pair, so it gets a copy each time.
+int try_fieldpair(Rule& rule, const char* pair) {
+  char scratch[kKeyPairSize];
+  str_snprintf(scratch, sizeof(scratch), "%s", pair);
+  return with_rule_address(rule, [&scratch](audit_rule_data** address) {
+    return audit_rule_fieldpair_data(address, scratch, AUDIT_FILTER_EXIT);
+  });
+}
+
+// Builds a watch with permissions and drops it again, after which libaudit takes keys on every rule
+// of this process. Nothing is sent.
+void make_libaudit_accept_keys() {
+  Rule scratch = new_rule();
+  const int result = with_rule_address(scratch, [](audit_rule_data** address) {
+    return audit_add_watch_dir(AUDIT_WATCH, address, "/etc/passwd");
+  });
+  if (result == 0) audit_update_watch_perms(scratch.get(), AUDIT_PERM_WRITE);
+}
+
+bool add_rule_fieldpair(Rule& rule, const char* pair) {
+  int result = try_fieldpair(rule, pair);
+  if (result == kKeyNeedsSyscallOrPermission) {
+    make_libaudit_accept_keys();
+    result = try_fieldpair(rule, pair);
+  }
+  if (result == 0) return true;
+  QEL_ERROR("audit_rule_fieldpair_data failed: %s\n", pair);
+  return false;
+}
+
+bool add_key(Rule& rule, RuleType type) {
+  char pair[kKeyPairSize];
+  str_snprintf(pair, sizeof(pair), "key=%s", audit_rule_types[type].name);
+  return add_rule_fieldpair(rule, pair);
+}
+
+// The kernel lists a rule without the prepend bit and compares flags when it looks for the one to
+// delete, so a delete with the flags of the add is refused by real kernels.
+int delete_rule(audit_rule_data* rule) {
+  const int result = audit_delete_rule_data(audit_fd, rule, kRuleFlags, AUDIT_ALWAYS);
+  if (result >= 0) return result;
+  return audit_delete_rule_data(audit_fd, rule, AUDIT_FILTER_EXIT, AUDIT_ALWAYS);
+}
+
+bool send_rule(const Rule& rule, Request request) {
+  const bool add = request == Request::kAdd;
+  const int result = add ? audit_add_rule_data(audit_fd, rule.get(), kRuleFlags, AUDIT_ALWAYS)
+                         : delete_rule(rule.get());
+  if (result >= 0) return true;
+  QEL_ERROR("audit_%s_rule_data failed\n", add ? "add" : "del");
+  return false;
+}
+
+// ---- System call rules -------------------------------------------------------------------------
+
+bool set_syscall(const Rule& rule, const char* name) {
+  switch (audit_rule_syscallbyname_data(rule.get(), name)) {
+    case 0:
+      return true;
+    case -1:
+      QEL_ERROR("unknown syscall name: %s\n", name);
+      return false;
+    case -2:
+      QEL_ERROR("unknown elf type\n");
+      return false;
+    default:
+      return false;
+  }
+}
+
+bool send_syscall_rule(Request request, const char* name, RuleType type) {
+  Rule rule = new_rule();
+  return set_syscall(rule, name) && add_key(rule, type) && send_rule(rule, request);
+}
+
+// The slot of a name in the registry of loaded rules, or one past the last.
+char** find_syscall(std::string_view name) {
+  return std::find(state.syscalls, state.syscalls + state.syscall_count, name);
+}
+
+bool is_syscall_loaded(const char* name) {
+  return find_syscall(name) != state.syscalls + state.syscall_count;
+}
+
+void forget_syscalls() {
+  for (char*& name : state.syscalls) std::free(std::exchange(name, nullptr));
+  state.syscall_count = 0;
+}
+
+// ---- Watch rules -------------------------------------------------------------------------------
+
+struct Watch {
+  bool State::*loaded;
+  const char* path;
+  const char* permissions;
+  RuleType type;
+};
+constexpr Watch kPasswdWatch = {&State::passwd_loaded, "/etc/passwd", "wa", kPasswdRule};
+constexpr Watch kShadowWatch = {&State::shadow_loaded, "/etc/shadow", "wa", kShadowRule};
+constexpr Watch kWtmpWatch = {&State::wtmp_loaded, "/var/log/wtmp", "wa", kWtmpRule};
+
+struct Permission {
+  char letter;
+  int bit;
+};
+constexpr Permission kPermissions[] = {{'r', AUDIT_PERM_READ},
+                                       {'w', AUDIT_PERM_WRITE},
+                                       {'x', AUDIT_PERM_EXEC},
+                                       {'a', AUDIT_PERM_ATTR}};
+
+bool is_watchable(std::string_view path) {
+  if (path.size() > kMaxPathLength) {
+    QEL_ERROR("path too long\n");
+    return false;
+  }
+  if (!path.starts_with('/')) {
+    QEL_ERROR("must use absolute path\n");
+    return false;
+  }
+  char copy[PATH_MAX];
+  copy[path.copy(copy, kMaxPathLength)] = '\0';
+  if (std::strlen(basename(copy)) > kMaxNameLength) {
+    QEL_ERROR("dirname or filename too long\n");
+    return false;
+  }
+  // These are sent all the same: the kernel takes them as they stand.
+  if (path.find("/..") != path.npos) QEL_ERROR("relative path not supported\n");
+  if (path.find_first_of("*?") != path.npos) QEL_ERROR("wildcard is not supported\n");
+  return true;
+}
+
+int watch_type(const char* path) {
+  struct stat status;
+  if (stat(path, &status) == 0) return S_ISDIR(status.st_mode) ? AUDIT_DIR : AUDIT_WATCH;
+  QEL_ERROR("file %s not exist\n", path);
+  return AUDIT_WATCH;
+}
+
+bool set_path(Rule& rule, std::string_view path) {
+  while (path.ends_with('/')) path.remove_suffix(1);
+  char copy[PATH_MAX];
+  copy[path.copy(copy, kMaxPathLength)] = '\0';
+  const int type = watch_type(copy);
+  return with_rule_address(rule, [&copy, type](audit_rule_data** address) {
+           return audit_add_watch_dir(type, address, copy);
+         }) == 0;
+}
+
+// The AUDIT_PERM_ bits of one letter, 0 for a letter that stands for none.
+int permission_bit(char letter) {
+  const auto lower = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+  const auto* found = std::find_if(std::begin(kPermissions), std::end(kPermissions),
+                                   [lower](const Permission& p) { return p.letter == lower; });
+  return found == std::end(kPermissions) ? 0 : found->bit;
+}
+
+bool set_permissions(const Rule& rule, std::string_view letters) {
+  if (letters.empty() || letters.size() > kMaxPermissions) {
+    QEL_ERROR("invalid file permission: %s\n", letters.data());
+    return false;
+  }
+  int bits = 0;
+  for (const char letter : letters) {
+    const int bit = permission_bit(letter);
+    if (bit == 0) {
+      QEL_ERROR("permission %c not support\n", letter);
+      return false;
+    }
+    bits |= bit;
+  }
+  if (audit_update_watch_perms(rule.get(), bits) == 0) return true;
+  QEL_ERROR("audit_update_watch_perms failed: %s\n", letters.data());
+  return false;
+}
+
+// ---- Loaded once, whoever needs it -------------------------------------------------------------
+
+template <typename Send>
+int load_once(bool& loaded, Send send) {
+  if (loaded) return 0;
+  if (!send(Request::kAdd)) return -1;
+  loaded = true;
+  return 1;
+}
+
+template <typename Send>
+void take_back(bool& loaded, Send send) {
+  if (loaded && send(Request::kDelete)) loaded = false;
+}
+
+int add_watch(const Watch& watch) {
+  return load_once(state.*watch.loaded, [&watch](Request request) {
+    return send_watch_rule(request, watch.path, watch.permissions, watch.type);
+  });
+}
+
+void delete_watch(const Watch& watch) {
+  take_back(state.*watch.loaded, [&watch](Request request) {
+    return send_watch_rule(request, watch.path, watch.permissions, watch.type);
+  });
+}
+
+bool send_execve_rule(Request request) {
+  return send_syscall_rule(request, "execve", kExecveRule);
+}
+
+bool send_bind_rule(Request request) {
+  return send_syscall_rule(request, "bind", kBindRule);
+}
+
+// ---- Purge -------------------------------------------------------------------------------------
+
+// The rules that the kernel listed, in its order.
+class ListedRules {
+ public:
+  ListedRules() = default;
+  ListedRules(const ListedRules&) = delete;
+  ListedRules& operator=(const ListedRules&) = delete;
+  ~ListedRules() {
+    while (pop() != nullptr) continue;
+  }
+
+  void append(Rule rule) {
+    Entry* entry = QEL_CHECKED(qel::new_zeroed<Entry>());
+    entry->rule = rule.release();
+    *tail_ = entry;
+    tail_ = &entry->next;
+  }
+
+  // The first rule, no longer in the list, or null.
+  Rule pop() {
+    if (head_ == nullptr) return nullptr;
+    const qel::Owned<Entry> entry(head_);
+    head_ = entry->next;
+    if (head_ == nullptr) tail_ = &head_;
+    return Rule(entry->rule);
+  }
+
+ private:
+  struct Entry {
+    Entry* next;
+    audit_rule_data* rule;
+  };
+  Entry* head_ = nullptr;
+  Entry** tail_ = &head_;
+};
+
+// A copy of a listed rule, or null when the length that it gives for its strings is not in the
+// reply.
+Rule copy_rule(const audit_rule_data& listed) {
+  constexpr std::size_t kMaxStrings = MAX_AUDIT_MESSAGE_LENGTH - sizeof(audit_rule_data);
+  if (listed.buflen > kMaxStrings) return nullptr;
+  const std::size_t size = sizeof(audit_rule_data) + listed.buflen;
+  Rule copy(static_cast<audit_rule_data*>(QEL_CHECKED(std::malloc(size))));
+  std::memcpy(copy.get(), &listed, size);
+  return copy;
+}
+
+// Waits for something to read. Returns whether a read is worth trying, which it also is when the
+// time is up: a failed wait is not.
+bool wait_for_reply() {
+  pollfd audit = {.fd = audit_fd, .events = POLLIN, .revents = 0};
+  int ready;
+  do {
+    ready = poll(&audit, 1, kListWait_ms);
+  } while (ready < 0 && errno == EINTR);
+  return ready >= 0 && (audit.revents & POLLNVAL) == 0;
+}
+
+bool read_reply(audit_reply& reply) {
+  return wait_for_reply() && audit_get_reply(audit_fd, &reply, GET_REPLY_NONBLOCKING, 0) > 0;
+}
+
+// Collects the replies to the list request `sequence` until they end or no more come. Records that
+// arrive meanwhile are lost.
+bool collect_rules(std::uint32_t sequence, ListedRules& rules) {
+  audit_reply reply;
+  for (int empty_reads = 0; empty_reads < kMaxEmptyReads;) {
+    if (!read_reply(reply)) {
+      ++empty_reads;
+      continue;
+    }
+    empty_reads = 1;
+    if (reply.nlh->nlmsg_seq != sequence) continue;
+    if (reply.type == NLMSG_DONE) return true;
+    if (reply.type == NLMSG_ERROR && reply.error->error != 0) {
+      QEL_ERROR("receiving rules list failed: %s\n", strerror(-reply.error->error));
+      return false;
+    }
+    if (reply.type != AUDIT_LIST_RULES) continue;
+    if (Rule rule = copy_rule(*reply.ruledata)) rules.append(std::move(rule));
+  }
+  return true;
+}
+
+bool delete_rules(ListedRules& rules) {
+  while (const Rule rule = rules.pop()) {
+    const int result = audit_delete_rule_data(audit_fd, rule.get(), static_cast<int>(rule->flags),
+                                              static_cast<int>(rule->action));
+    if (result < 0) {
+      QEL_ERROR("deleting rule failed: %s\n", strerror(-result));
+      return false;
+    }
+    print_rule_line(*rule);
+  }
+  return true;
+}
+
+// Deletes every rule that the kernel has, whoever loaded it: a rule without one of our keys only
+// makes records that nobody reads, and rules of an earlier run would load twice.
+bool delete_all_audit_rules() {
+  const int sequence = audit_request_rules_list_data(audit_fd);
+  if (sequence <= 0) {
+    QEL_ERROR("audit_request_rules_list_data failed\n");
+    return false;
+  }
+  ListedRules rules;
+  if (!collect_rules(static_cast<std::uint32_t>(sequence), rules)) return false;
+  QEL_DEBUG("begin deleting old rules\n");
+  return delete_rules(rules);
+}
+
+// ---- Connection --------------------------------------------------------------------------------
+
+void close_connection() {
+  audit_close(audit_fd);
+  audit_fd = -1;
+}
+
+void unregister_and_close() {
+  audit_set_pid(audit_fd, 0, WAIT_NO);
+  close_connection();
+}
+
+bool become_receiver() {
+  if (audit_set_pid(audit_fd, static_cast<std::uint32_t>(getpid()), WAIT_YES) >= 0) return true;
+  QEL_ERROR("audit_set_pid failed, uid=%u pid=%d", audit_getloginuid(), getpid());
+  return false;
+}
+
+bool is_locked() {
+  int enabled = audit_is_enabled(audit_fd);
+  // It gives up on the acknowledgement of audit_set_pid, which may still be there, but has then
+  // read it.
+  if (enabled < 0) enabled = audit_is_enabled(audit_fd);
+  if (enabled < kLocked) return false;
+  QEL_ERROR("audit is locked\n");
+  return true;
+}
+
+bool switch_on() {
+  if (audit_set_enabled(audit_fd, 1) >= 0) return true;
+  QEL_ERROR("audit_set_enabled failed, uid=%u pid=%d", audit_getloginuid(), getpid());
+  return false;
+}
+
+// None of these is worth failing a start for.
+void configure() {
+  if (audit_set_rate_limit(audit_fd, kNoRateLimit) <= 0) QEL_ERROR("audit_set_rate_limit failed\n");
+  if (audit_set_backlog_limit(audit_fd, kBacklogLimit) <= 0) {
+    QEL_ERROR("audit_set_backlog_limit failed\n");
+  }
+  if (!delete_all_audit_rules()) QEL_ERROR("delete_all_audit_rules failed\n");
+  // The answer comes through the poller.
+  if (audit_request_status(audit_fd) < 0) QEL_DEBUG("audit_request_status failed\n");
+}
+
+}  // namespace
+
+const audit_rule_type audit_rule_types[kRuleTypeCount] = {
+    {kPasswdRule, "passwd_rule"},   {kShadowRule, "shadow_rule"},
+    {kWtmpRule, "wtmp_rule"},       {kLastloginRule, "lastlogin_rule"},
+    {kExecveRule, "execve_rule"},   {kBindRule, "bind_rule"},
+    {kSyscallRule, "syscall_rule"}, {kFakeloginRule, "fakelogin_rule"},
+};
+
+int audit_fd = -1;
+
+int audit_subsys_init() {
+  audit_fd = audit_open();
+  if (audit_fd < 0) {
+    QEL_ERROR("audit_open failed: %s\n", strerror(errno));
+    audit_fd = -1;
+    return -1;
+  }
+  if (!become_receiver()) {
+    close_connection();
+    return -1;
+  }
+  if (is_locked() || !switch_on()) {
+    unregister_and_close();
+    return -1;
+  }
+  configure();
+  return 0;
+}
+
+int audit_subsys_fini() {
+  forget_syscalls();
+  if (audit_fd >= 0) {
+    delete_all_audit_rules();
+    unregister_and_close();
+  }
+  state = {};
+  return 0;
+}
+
+bool send_watch_rule(Request request, const char* path, const char* permissions, RuleType type) {
+  Rule rule = new_rule();
+  return is_watchable(path) && set_path(rule, path) && set_permissions(rule, permissions) &&
+         add_key(rule, type) && send_rule(rule, request);
+}
+
+int audit_add_syscall_rule(const char* name) {
+  if (name == nullptr || name[0] == '\0') name = "all";
+  const std::string_view wanted(name);
+  if (wanted == "execve" || wanted == "bind") {
+    QEL_ERROR("syscall %s reserved inside\n", name);
+    return -1;
+  }
+  if (is_syscall_loaded(name)) return 0;
+  if (state.syscall_count >= kMaxSyscallRules) {
+    QEL_ERROR("too many syscall rule\n");
+    return -1;
+  }
+  if (!send_syscall_rule(Request::kAdd, name, kSyscallRule)) return -1;
+  state.syscalls[state.syscall_count++] = QEL_CHECKED(qel::copy_of(wanted));
+  return 1;
+}
+
+void audit_del_syscall_rule(const char* name) {
+  if (name == nullptr) name = "all";
+  if (name[0] == '\0') {
+    QEL_ERROR("invalid param\n");
+    return;
+  }
+  if (!is_syscall_loaded(name)) return;
+  if (!send_syscall_rule(Request::kDelete, name, kSyscallRule)) return;
+  char** const slot = find_syscall(name);
+  std::free(*slot);
+  char** const end = state.syscalls + state.syscall_count;
+  *std::move(slot + 1, end, slot) = nullptr;
+  --state.syscall_count;
+}
+
+int audit_add_execve_rule() {
+  return load_once(state.execve_loaded, send_execve_rule);
+}
+void audit_del_execve_rule() {
+  take_back(state.execve_loaded, send_execve_rule);
+}
+int audit_add_bind_rule() {
+  return load_once(state.bind_loaded, send_bind_rule);
+}
+void audit_del_bind_rule() {
+  take_back(state.bind_loaded, send_bind_rule);
+}
+int audit_add_passwd_rule() {
+  return add_watch(kPasswdWatch);
+}
+void audit_del_passwd_rule() {
+  delete_watch(kPasswdWatch);
+}
+int audit_add_shadow_rule() {
+  return add_watch(kShadowWatch);
+}
+void audit_del_shadow_rule() {
+  delete_watch(kShadowWatch);
+}
+int audit_add_wtmp_rule() {
+  return add_watch(kWtmpWatch);
+}
+void audit_del_wtmp_rule() {
+  delete_watch(kWtmpWatch);
+}

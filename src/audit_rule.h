@@ -1,0 +1,68 @@
+// The kernel's audit configuration: the one audit connection, the purge of loaded rules, and the
+// rules that registrations need.
+#pragma once
+
+#include <qel_audit.h>
+
+#include <cstdint>
+
+// A rule type; its name is the key of every kernel rule of that type.
+struct audit_rule_type {
+  std::int32_t id;
+  char name[64];
+};
+
+// The ids of audit_rule_types. No rule of this library carries kLastloginRule's or kFakeloginRule's
+// key.
+enum RuleType : std::int32_t {
+  kPasswdRule,
+  kShadowRule,
+  kWtmpRule,
+  kLastloginRule,
+  kExecveRule,
+  kBindRule,
+  kSyscallRule,
+  kFakeloginRule,
+  kRuleTypeCount
+};
+
+extern "C" {
+
+extern QEL_API const audit_rule_type audit_rule_types[kRuleTypeCount];
+
+// The audit netlink socket, -1 while there is none.
+extern QEL_API int audit_fd;
+
+// Opens the connection, becomes the audit receiver, switches auditing on and deletes all loaded
+// rules. Returns 0, or -1 with the connection closed.
+QEL_API int audit_subsys_init();
+
+// Deletes all loaded rules, gives the receiver role up and closes the connection. Returns 0.
+QEL_API int audit_subsys_fini();
+
+// Each add function returns 1 when it loaded its rule, 0 when this library had loaded it already,
+// -1 when it failed. Each delete function takes a rule back that its add function loaded.
+
+// `name` is a system call of this machine; null or empty stands for all.
+QEL_API int audit_add_syscall_rule(const char* name);
+// `name` as above, but an empty one is refused.
+QEL_API void audit_del_syscall_rule(const char* name);
+QEL_API int audit_add_execve_rule();
+QEL_API void audit_del_execve_rule();
+QEL_API int audit_add_bind_rule();
+QEL_API void audit_del_bind_rule();
+QEL_API int audit_add_passwd_rule();
+QEL_API void audit_del_passwd_rule();
+QEL_API int audit_add_shadow_rule();
+QEL_API void audit_del_shadow_rule();
+QEL_API int audit_add_wtmp_rule();
+QEL_API void audit_del_wtmp_rule();
+}
+
+// Whether a rule is to be added or deleted.
+enum class Request { kAdd, kDelete };
+
+// Builds a rule that watches a file or, when `path` is one, a directory, for the accesses in
+// `permissions` (1 to 4 of the letters r, w, x, a, in either case), and sends it. Returns whether
+// the kernel took it.
+bool send_watch_rule(Request request, const char* path, const char* permissions, RuleType type);
