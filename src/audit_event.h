@@ -1,0 +1,18 @@
+// Event assembly: turns a closed audit context into events, or has a monitor look for changes, and
+// dispatches each event to the registered callbacks.
+#pragma once
+
+#include <qel_audit.h>
+
+#include "audit_msg.h"
+
+extern "C" {
+
+// Builds and dispatches what `ctx` tells. Takes its argument list out of it. Returns 0, or -1 when
+// the context was refused. Runs client callbacks.
+QEL_API int handle_audit_event(struct audit_ctx* ctx);
+}
+
+// Runs the callbacks that are registered for the event record: those of its key, then the global
+// ones. The record stays the caller's. Returns 0, or -1 for an unknown class.
+int dispatch_event(const void* event);

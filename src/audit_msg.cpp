@@ -1,0 +1,346 @@
+#include "audit_msg.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <iterator>
+#include <string_view>
+#include <utility>
+
+#include "audit_event.h"
+#include "audit_rule.h"
+#include "execve_args.h"
+#include "log.h"
+#include "memory.h"
+#include "record_scope.h"
+#include "record_text.h"
+
+namespace {
+
+constexpr char kLogSource[] = "audit_msg";
+
+constexpr std::int64_t kContextLifetime_s = 10;
+constexpr float kScanShare = 0.05F;  // of the table, in one expiry scan
+
+struct {
+  xhash_t* contexts;  // by serial; owns them
+  xhash_cookie_t* scan_place;
+  audit_ctx* recent;  // found last: the records of one group mostly come in a row
+} state;
+
+// ---- Context table -----------------------------------------------------------------------------
+
+// The serial itself stands for the key.
+const void* key_of(std::uint32_t serial) {
+  return reinterpret_cast<const void*>(static_cast<std::uintptr_t>(serial));
+}
+
+std::uint32_t audit_ctx_hash(const void* key, std::size_t) {
+  return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(key));
+}
+
+int audit_ctx_compare(const void* key1, std::size_t, const void* key2, std::size_t) {
+  return key1 == key2 ? 0 : 1;
+}
+
+void free_audit_ctx(void* value) {
+  auto* ctx = static_cast<audit_ctx*>(value);
+  if (ctx == state.recent) state.recent = nullptr;
+  clear_audit_ctx(ctx);
+  std::free(ctx);
+}
+
+audit_ctx* search_ctx(std::uint32_t serial) {
+  if (state.recent != nullptr && state.recent->serial == serial) return state.recent;
+  void* found = nullptr;
+  if (state.contexts == nullptr || xhash_search(state.contexts, key_of(serial), 0, &found) != 0)
+    return nullptr;
+  state.recent = static_cast<audit_ctx*>(found);
+  return state.recent;
+}
+
+audit_ctx* find_audit_ctx(std::string_view text) {
+  std::uint32_t serial = 0;
+  const char* behind = nullptr;
+  if (!qel::read_serial(text, serial, behind)) {
+    QEL_ERROR("parse_serial failed\n");
+    return nullptr;
+  }
+  audit_ctx* ctx = search_ctx(serial);
+  if (ctx == nullptr) QEL_DEBUG("search audit context failed\n");
+  return ctx;
+}
+
+// The context that a SYSCALL record of this serial fills: a new one, or the open one without what
+// the earlier records of its group had brought.
+audit_ctx* open_audit_ctx(std::uint32_t serial) {
+  audit_ctx* ctx = search_ctx(serial);
+  if (ctx != nullptr) {
+    clear_audit_ctx(ctx);
+    *ctx = {};
+  } else {
+    ctx = QEL_CHECKED(qel::new_zeroed<audit_ctx>());
+    xhash_insert(state.contexts, key_of(serial), 0, ctx);
+    state.recent = ctx;
+  }
+  ctx->serial = serial;
+  ctx->deadline = std::time(nullptr) + kContextLifetime_s;
+  return ctx;
+}
+
+// Differences of 32 bits: times may be compared beyond 2038.
+bool has_passed(std::int64_t deadline, std::int64_t now) {
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(deadline) -
+                                   static_cast<std::uint32_t>(now)) < 0;
+}
+
+int audit_ctx_timeout(const void* key, std::size_t key_length, void* value, void* now) {
+  const auto* ctx = static_cast<const audit_ctx*>(value);
+  if (!has_passed(ctx->deadline, static_cast<std::int64_t>(reinterpret_cast<std::intptr_t>(now))))
+    return 0;
+  xhash_delete(state.contexts, key, key_length);
+  QEL_DEBUG("audit ctx timeout: %i\n", static_cast<int>(xhash_count(state.contexts)));
+  return 0;
+}
+
+// ---- Records -----------------------------------------------------------------------------------
+
+// What a SYSCALL record says. The texts lie in the record.
+struct SyscallRecord {
+  std::uint32_t arch;
+  std::uint32_t syscall;
+  bool success = true;    // exit and exit_group do not return and have neither ...
+  std::int32_t exit = 0;  // ... of these two
+  std::uint64_t args[4];
+  std::uint32_t ppid;
+  std::uint32_t pid;
+  std::uint32_t uid;
+  std::uint32_t gid;
+  std::string_view comm;
+  std::string_view key;
+};
+
+// Reads the fields in the kernel's order; all must be there except success and exit. Names with a
+// blank in front would otherwise be found at the end of longer ones: pid in ppid, uid in auid and
+// euid.
+bool parse_syscall(const char* from, const char* end, SyscallRecord& record) {
+  qel::FieldWalk fields(from, end);
+  if (!fields.hex("arch=", record.arch) || !fields.decimal("syscall=", record.syscall))
+    return false;
+  if (std::string_view success; fields.text("success=", success)) record.success = success == "yes";
+  fields.any_base("exit=", record.exit);
+  return fields.hex("a0=", record.args[0]) && fields.hex("a1=", record.args[1]) &&
+         fields.hex("a2=", record.args[2]) && fields.hex("a3=", record.args[3]) &&
+         fields.decimal(" ppid=", record.ppid) && fields.decimal(" pid=", record.pid) &&
+         fields.decimal(" uid=", record.uid) && fields.decimal(" gid=", record.gid) &&
+         fields.text("comm=", record.comm) && fields.key(record.key);
+}
+
+// The id of the rule type with this name, or -1.
+std::int32_t find_rule_type(const char* name) {
+  const auto* type =
+      std::find_if(std::begin(audit_rule_types), std::end(audit_rule_types),
+                   [name](const audit_rule_type& t) { return std::strcmp(name, t.name) == 0; });
+  return type == std::end(audit_rule_types) ? -1 : type->id;
+}
+
+std::int32_t rule_type_of(std::string_view key_value) {
+  char key[sizeof(audit_rule_type::name)];  // what is cut here is longer than any name
+  qel::decode_field_value(key_value, key, sizeof(key));
+  return find_rule_type(key);
+}
+
+[[gnu::noinline]] void report_unknown_key(std::string_view key_value) {
+  char key[MAX_AUDIT_MESSAGE_LENGTH + 1];
+  qel::decode_field_value(key_value, key, sizeof(key));
+  QEL_ERROR("get_audit_type failed: %s\n", key);
+}
+
+int take_syscall(std::string_view text) {
+  std::uint32_t serial = 0;
+  const char* fields = nullptr;
+  if (!qel::read_serial(text, serial, fields)) return -1;
+  SyscallRecord record;
+  if (!parse_syscall(fields, text.data() + text.size(), record)) {
+    QEL_ERROR("parse_syscall failed\n");
+    return -1;
+  }
+  const std::int32_t ruletype = rule_type_of(record.key);
+  if (ruletype < 0) {
+    report_unknown_key(record.key);
+    return -1;
+  }
+  if (state.contexts == nullptr) return -1;
+
+  audit_ctx* ctx = open_audit_ctx(serial);
+  ctx->msgtype = AUDIT_SYSCALL;
+  ctx->ruletype = ruletype;
+  ctx->arch = record.arch;
+  ctx->syscall = record.syscall;
+  ctx->success = record.success ? 1 : 0;
+  ctx->exit = record.exit;
+  std::copy(std::begin(record.args), std::end(record.args), ctx->args);
+  ctx->ppid = record.ppid;
+  ctx->pid = record.pid;
+  ctx->uid = record.uid;
+  ctx->gid = record.gid;
+  ctx->comm = QEL_CHECKED(qel::decode_field_value(record.comm));
+  ctx->key = QEL_CHECKED(qel::decode_field_value(record.key));
+  return 0;
+}
+
+// The value of a field, searched for from the start of the text. Returns whether there is one.
+bool find_value(std::string_view text, std::string_view name, std::string_view& value) {
+  return qel::FieldWalk(text.data(), text.data() + text.size()).text(name, value);
+}
+
+// Only of use for an execution without arguments: one that failed.
+int take_path(std::string_view text) {
+  audit_ctx* ctx = find_audit_ctx(text);
+  if (ctx == nullptr) return -1;
+  if (ctx->ruletype != kExecveRule || ctx->argc != 0 || ctx->path != nullptr) return -1;
+  std::string_view name;
+  if (!find_value(text, "name=", name)) {
+    QEL_ERROR("parse_path failed\n");
+    return -1;
+  }
+  ctx->path = QEL_CHECKED(qel::decode_field_value(name));
+  return 0;
+}
+
+struct AddressLength {
+  std::uint16_t family;
+  std::size_t length;
+};
+// Lengths of whole addresses. The record has the caller's bytes with the caller's length, from
+// before the kernel looked at them.
+constexpr AddressLength kAddressLengths[] = {{AF_UNIX, 110}, {AF_INET, 16},  {AF_APPLETALK, 16},
+                                             {AF_X25, 18},   {AF_INET6, 28}, {AF_NETLINK, 12},
+                                             {AF_PACKET, 20}};
+constexpr std::size_t kMinOtherLength = 4;
+
+bool check_sockaddr(const audit_ctx& ctx, std::size_t length) {
+  std::uint16_t family = 0;
+  std::memcpy(&family, ctx.sockaddr, sizeof(family));
+  const auto* known = std::find_if(std::begin(kAddressLengths), std::end(kAddressLengths),
+                                   [family](const AddressLength& a) { return a.family == family; });
+  const bool good =
+      known != std::end(kAddressLengths) ? length == known->length : length >= kMinOtherLength;
+  if (!good) QEL_ERROR("check_sockaddr failed\n");
+  return good;
+}
+
+int take_sockaddr(std::string_view text) {
+  audit_ctx* ctx = find_audit_ctx(text);
+  if (ctx == nullptr) return -1;
+  std::string_view saddr;
+  if (!find_value(text, "saddr=", saddr)) {
+    QEL_ERROR("parse_sockaddr failed\n");
+    return -1;
+  }
+  const std::size_t length = qel::decode_hex(saddr, ctx->sockaddr, sizeof(ctx->sockaddr));
+  if (check_sockaddr(*ctx, length)) return 0;
+  std::fill(std::begin(ctx->sockaddr), std::end(ctx->sockaddr), std::uint8_t{0});
+  QEL_ERROR("parse_sockaddr failed\n");
+  return -1;
+}
+
+int take_execve(std::string_view text) {
+  audit_ctx* ctx = find_audit_ctx(text);
+  if (ctx == nullptr) return -1;
+  if (add_execve_args(*ctx, text)) return 0;
+  QEL_ERROR("parse_execve failed\n");
+  return -1;
+}
+
+int take_end_of_event(std::string_view text) {
+  audit_ctx* ctx = find_audit_ctx(text);
+  if (ctx == nullptr) return -1;
+  handle_audit_event(ctx);
+  xhash_delete(state.contexts, key_of(ctx->serial), 0);
+  return 0;
+}
+
+int report_status(const audit_status& status) {
+  QEL_NOTICE(
+      "AUDIT_STATUS: enabled=%d flag=%d pid=%d rate_limit=%d backlog_limit=%d lost=%d "
+      "backlog=%u\n",
+      static_cast<int>(status.enabled), static_cast<int>(status.failure),
+      static_cast<int>(status.pid), static_cast<int>(status.rate_limit),
+      static_cast<int>(status.backlog_limit), static_cast<int>(status.lost), status.backlog);
+  return 0;
+}
+
+// Whether the payload is one that audit_get_reply can have delivered.
+bool has_payload(const audit_reply& reply) {
+  return reply.message != nullptr && reply.len >= 0 && reply.len <= MAX_AUDIT_MESSAGE_LENGTH;
+}
+
+// The text of a record. It is not terminated: its length is the kernel's, and the bytes of an
+// earlier message may follow.
+std::string_view text_of(const audit_reply& reply) {
+  return {reply.message, strnlen(reply.message, static_cast<std::size_t>(reply.len))};
+}
+
+}  // namespace
+
+int audit_msg_init() {
+  state.scan_place = xhash_cookie_create(kScanShare);
+  state.contexts = xhash_create2(free_audit_ctx, audit_ctx_hash, audit_ctx_compare, 1);
+  return 0;
+}
+
+void audit_msg_fini() {
+  if (state.contexts == nullptr) return;
+  xhash_destroy(std::exchange(state.contexts, nullptr));
+  xhash_cookie_destroy(std::exchange(state.scan_place, nullptr));
+}
+
+void scan_audit_ctx(std::int64_t now) {
+  if (state.contexts == nullptr || xhash_count(state.contexts) == 0) return;
+  xhash_walk_partial(state.contexts, state.scan_place, reinterpret_cast<void*>(now),
+                     audit_ctx_timeout);
+}
+
+void clear_audit_ctx(audit_ctx* ctx) {
+  for (std::int32_t i = 0; ctx->argv != nullptr && i < ctx->argc; ++i) std::free(ctx->argv[i]);
+  std::free(std::exchange(ctx->argv, nullptr));
+  std::free(std::exchange(ctx->path, nullptr));
+  std::free(std::exchange(ctx->key, nullptr));
+  std::free(std::exchange(ctx->comm, nullptr));
+}
+
+int get_audit_type(audit_ctx* ctx) {
+  const std::int32_t type = ctx->key != nullptr ? find_rule_type(ctx->key) : -1;
+  if (type < 0) return -1;
+  ctx->ruletype = type;
+  return 0;
+}
+
+int handle_audit_msg(audit_reply* reply) {
+  const qel::RecordScope scope;
+  if (!has_payload(*reply)) return -1;
+  // Types come first: of many records, such as CWD and PROCTITLE, no byte of the text is looked at.
+  switch (reply->type) {
+    case AUDIT_GET:
+      return report_status(*reply->status);
+    case AUDIT_LOGIN:
+      QEL_ERROR("parse_login failed\n");
+      return -1;
+    case AUDIT_SYSCALL:
+      return take_syscall(text_of(*reply));
+    case AUDIT_PATH:
+      return take_path(text_of(*reply));
+    case AUDIT_SOCKADDR:
+      return take_sockaddr(text_of(*reply));
+    case AUDIT_EXECVE:
+      return take_execve(text_of(*reply));
+    case AUDIT_EOE:
+      return take_end_of_event(text_of(*reply));
+    default:
+      return -1;
+  }
+}
