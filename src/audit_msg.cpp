@@ -193,7 +193,8 @@ int take_syscall(std::string_view text) {
 }
 
 // The value of a field, searched for from the start of the text. Returns whether there is one.
-bool find_value(std::string_view text, std::string_view name, std::string_view& value) {
+template <std::size_t Size>
+bool find_value(std::string_view text, const char (&name)[Size], std::string_view& value) {
   return qel::FieldWalk(text.data(), text.data() + text.size()).text(name, value);
 }
 

@@ -80,10 +80,13 @@ bool scan_stamp(std::string_view stamp, std::uint32_t& serial) {
   return true;
 }
 
-// Steps over one or more digits.
-bool skip_digits(const char*& at, const char* end) {
+// Takes one or more plain digits off the front.
+bool take_plain_number(const char*& at, const char* end, std::uint64_t& number) {
   const char* const from = at;
-  at = std::find_if_not(at, end, is_decimal);
+  number = 0;
+  for (; at != end && is_decimal(*at); ++at) {
+    number = number * 10 + static_cast<std::uint64_t>(*at - '0');
+  }
   return at != from;
 }
 
@@ -93,14 +96,11 @@ bool read_plain_header(std::string_view text, std::uint32_t& serial, const char*
   if (!text.starts_with(kHeader)) return false;
   const char* const end = text.data() + text.size();
   const char* at = text.data() + kHeader.size();
-  if (!skip_digits(at, end) || !scan_character(at, end, '.')) return false;
-  if (!skip_digits(at, end) || !scan_character(at, end, ':')) return false;
-  const char* const digits = at;
   std::uint64_t number = 0;
-  for (; at != end && is_decimal(*at); ++at) {
-    number = number * 10 + static_cast<std::uint64_t>(*at - '0');
-  }
-  if (at == digits || at - digits > kMaxDigits) return false;
+  if (!take_plain_number(at, end, number) || !scan_character(at, end, '.')) return false;
+  if (!take_plain_number(at, end, number) || !scan_character(at, end, ':')) return false;
+  const char* const digits = at;
+  if (!take_plain_number(at, end, number) || at - digits > kMaxDigits) return false;
   if (!scan_character(at, end, ')') || !scan_character(at, end, ':')) return false;
   serial = static_cast<std::uint32_t>(number);
   behind = at;
@@ -123,9 +123,9 @@ bool stands_before(const char* equals, const char* from, std::string_view name) 
          std::memcmp(equals - name.size(), name.data(), name.size()) == 0;
 }
 
-const char* find_equals(const char* from, const char* end) {
+const char* find_character(const char* from, const char* end, char wanted) {
   if (from == end) return nullptr;
-  return static_cast<const char*>(std::memchr(from, '=', static_cast<std::size_t>(end - from)));
+  return static_cast<const char*>(std::memchr(from, wanted, static_cast<std::size_t>(end - from)));
 }
 
 }  // namespace
@@ -188,16 +188,18 @@ char* decode_field_value(std::string_view value) {
 }
 
 const char* find_field(const char* from, const char* end, std::string_view name) {
-  name.remove_suffix(1);
-  for (const char* at = from; (at = find_equals(at, end)) != nullptr; ++at) {
-    if (stands_before(at, from, name)) return at - name.size();
+  const auto length = static_cast<std::ptrdiff_t>(name.size());
+  while (end - from >= length) {
+    from = find_character(from, end - length + 1, name.front());
+    if (from == nullptr || std::memcmp(from, name.data(), name.size()) == 0) return from;
+    ++from;
   }
   return nullptr;
 }
 
 const char* find_key(const char* from, const char* end) {
   const char* at = from;
-  while ((at = find_equals(at, end)) != nullptr) {
+  while ((at = find_character(at, end, '=')) != nullptr) {
     if (stands_before(at, from, "key")) return at - std::strlen("key");
     if (stands_before(at, from, "exe")) {
       from = end_of_value(at + 1, end);

@@ -38,7 +38,7 @@ void decode_field_value(std::string_view value, char* destination, std::size_t r
 // The same as a new text in malloc(3) storage. Null when memory is exhausted.
 char* decode_field_value(std::string_view value);
 
-// The place of the first `name` (which ends in its only "=") at or behind `from`, or null.
+// The place of the first `name` at or behind `from`, or null.
 const char* find_field(const char* from, const char* end, std::string_view name);
 
 // The place of the first "key=" at or behind `from` that is not part of the value of "exe=", or
@@ -52,53 +52,60 @@ inline const char* end_of_value(const char* from, const char* end) {
   return space != nullptr ? static_cast<const char*>(space) : end;
 }
 
-// Walks the fields of a record from left to right. Each reader looks for its field behind the value
-// of the last one found, and leaves its result and the place alone when there is none.
+// Walks the fields of a record from left to right. Each reader looks for its field, whose name is a
+// literal, behind the value of the last one found, and leaves its result and the place alone when
+// there is none.
 class FieldWalk {
  public:
   FieldWalk(const char* from, const char* end) : at_(from), end_(end) {}
 
-  bool hex(std::string_view name, std::uint64_t& result) { return number<16>(name, result); }
-  bool hex(std::string_view name, std::uint32_t& result) { return number<16>(name, result); }
-  bool decimal(std::string_view name, std::uint32_t& result) { return number<10>(name, result); }
+  template <std::size_t Size, typename Number>
+  bool hex(const char (&name)[Size], Number& result) {
+    return number<16>(find(name), result);
+  }
+
+  template <std::size_t Size>
+  bool decimal(const char (&name)[Size], std::uint32_t& result) {
+    return number<10>(find(name), result);
+  }
 
   // A number in any base that strtoull(3) recognises with base 0.
-  bool any_base(std::string_view name, std::int32_t& result) {
+  template <std::size_t Size>
+  bool any_base(const char (&name)[Size], std::int32_t& result) {
     std::string_view value;
     if (!text(name, value)) return false;
     result = static_cast<std::int32_t>(to_number(value, 0));
     return true;
   }
 
-  bool text(std::string_view name, std::string_view& value) {
-    const char* from = find(name);
-    if (from == nullptr) return false;
-    take_value(from, value);
-    return true;
+  template <std::size_t Size>
+  bool text(const char (&name)[Size], std::string_view& value) {
+    return take_value(find(name), value);
   }
 
   bool key(std::string_view& value) {
     const char* name = find_key(at_, end_);
-    if (name == nullptr) return false;
-    take_value(name + std::strlen("key="), value);
-    return true;
+    return take_value(name == nullptr ? nullptr : name + std::strlen("key="), value);
   }
 
  private:
-  // The place of the field's value, or null.
-  const char* find(std::string_view name) const {
-    const std::size_t blank = name.front() == ' ' ? 0 : 1;
-    const auto left = static_cast<std::size_t>(end_ - at_);
-    if (left >= blank + name.size() && *at_ == ' ' &&
-        std::memcmp(at_ + blank, name.data(), name.size()) == 0) [[likely]]
-      return at_ + blank + name.size();
-    const char* found = find_field(at_, end_, name);
-    return found == nullptr ? nullptr : found + name.size();
+  // The place of the field's value, or null. `Size` counts the literal's terminator.
+  template <std::size_t Size>
+  const char* find(const char (&name)[Size]) const {
+    constexpr std::size_t kLength = Size - 1;
+    const std::size_t blank = name[0] == ' ' ? 0 : 1;
+    if (static_cast<std::size_t>(end_ - at_) >= blank + kLength && *at_ == ' ' &&
+        std::memcmp(at_ + blank, name, kLength) == 0) [[likely]]
+      return at_ + blank + kLength;
+    const char* found = find_field(at_, end_, {name, kLength});
+    return found == nullptr ? nullptr : found + kLength;
   }
 
-  void take_value(const char* from, std::string_view& value) {
+  bool take_value(const char* from, std::string_view& value) {
+    if (from == nullptr) return false;
     at_ = end_of_value(from, end_);
     value = {from, static_cast<std::size_t>(at_ - from)};
+    return true;
   }
 
   template <int Base>
@@ -111,9 +118,8 @@ class FieldWalk {
 
   // Digits up to the space are read by hand; anything else has strtoull's manners.
   template <int Base, typename Number>
-  bool number(std::string_view name, Number& result) {
+  bool number(const char* from, Number& result) {
     constexpr std::ptrdiff_t kSafeDigits = 16;  // fit 64 bits in either base
-    const char* const from = find(name);
     if (from == nullptr) return false;
     const char* at = from;
     std::uint64_t sum = 0;

@@ -42,7 +42,10 @@ class EntryList {
   Entry* before(Entry* entry) { return entry_at(entry->links.prev); }
 
   void clear() {
-    while (Entry* entry = first()) Free(take(entry));
+    for (list_links* at = head_.next; at != &head_;) {
+      Free(reinterpret_cast<Entry*>(std::exchange(at, at->next)));
+    }
+    head_ = {&head_, &head_};
   }
 
   void swap(EntryList& other) {
