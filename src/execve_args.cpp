@@ -5,7 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <utility>
 
 #include "log.h"
 #include "memory.h"
@@ -58,8 +57,18 @@ std::int32_t read_index(const char*& at, const char* end) {
   std::int32_t index = 0;
   for (; at != end && is_decimal(*at) && at - from < kMaxDigits; ++at)
     index = index * 10 + (*at - '0');
-  const bool plain = at != from && (at - from == 1 || *from != '0');
-  return plain ? index : kNoIndex;
+  const bool whole = at != from && (at == end || !is_decimal(*at));
+  const bool plain = at - from == 1 || *from != '0';
+  return whole && plain ? index : kNoIndex;
+}
+
+// Steps over a number as scanf(3)'s "%d" reads it: behind blanks and a sign. Returns null when
+// there are no digits.
+const char* skip_number(const char* at, const char* end) {
+  while (at != end && (*at == ' ' || (*at >= '\t' && *at <= '\r'))) ++at;
+  if (at != end && (*at == '+' || *at == '-')) ++at;
+  const char* const behind = std::find_if_not(at, end, is_decimal);
+  return behind == at ? nullptr : behind;
 }
 
 // A word that may be an argument's: "a", a number and a separator.
@@ -70,18 +79,12 @@ struct Word {
 };
 
 Word read_word(const char* at, const char* end) {
-  if (at == end || *at++ != 'a') return {};
+  if (at == end || *at != 'a') return {};
   Word word;
+  const char* const number = ++at;
   word.index = read_index(at, end);
-  if (word.index == kNoIndex) {
-    // As scanf(3)'s "a%d" would have it: blanks and a sign are let pass.
-    while (at != end && (*at == ' ' || (*at >= '\t' && *at <= '\r'))) ++at;
-    if (at != end && (*at == '+' || *at == '-')) ++at;
-    const char* const digits = at;
-    at = std::find_if_not(at, end, is_decimal);
-    if (at == digits) return {};
-  }
-  if (at == end || !is_separator(*at)) return {};
+  if (word.index == kNoIndex) at = skip_number(number, end);
+  if (at == nullptr || at == end || !is_separator(*at)) return {};
   word.separator = *at;
   word.behind = at + 1;
   return word;
@@ -237,9 +240,12 @@ class ArgumentReader {
         static_cast<char*>(QEL_CHECKED(std::malloc(static_cast<std::size_t>(ctx_.arg_left) + 3)));
   }
 
+  // A text is never longer than the form it was written in, so it takes the buffer's place.
   void finish_split() {
-    const qel::Owned<char> written(std::exchange(ctx_.argv[ctx_.arg_index], nullptr));
-    fill_slot(decode({written.get(), static_cast<std::size_t>(ctx_.arg_offset)}));
+    char* const text = ctx_.argv[ctx_.arg_index];
+    const auto length = static_cast<std::size_t>(ctx_.arg_offset);
+    qel::decode_field_value({text, length}, text, length + 1);
+    fill_slot(text);
   }
 
   // Another argument's field came before the last piece: what has come stays, as it was written.

@@ -176,8 +176,9 @@ void decode_field_value(std::string_view value, char* destination, std::size_t r
     destination[decode_hex(value, destination, room - 1)] = '\0';
     return;
   }
-  const std::string_view text = inside(value, value.front() == '"' ? '"' : ')');
-  destination[text.copy(destination, room - 1)] = '\0';
+  const std::string_view text = inside(value, value.front() == '"' ? '"' : ')').substr(0, room - 1);
+  std::memmove(destination, text.data(), text.size());
+  destination[text.size()] = '\0';
 }
 
 char* decode_field_value(std::string_view value) {

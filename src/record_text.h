@@ -32,7 +32,7 @@ std::size_t decode_hex(std::string_view source, void* destination, std::size_t r
 
 // Stores the text that a value stands for: what is inside the quotes or parentheses, or the bytes
 // that hexadecimal digits encode. Terminates it and cuts it to `room` bytes, at least 1, the
-// terminator included.
+// terminator included. The destination may be the value's own place.
 void decode_field_value(std::string_view value, char* destination, std::size_t room);
 
 // The same as a new text in malloc(3) storage. Null when memory is exhausted.
