@@ -3,7 +3,6 @@
 #include <libaudit.h>
 #include <libgen.h>
 #include <limits.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,9 +15,10 @@
 #include <string_view>
 #include <utility>
 
+#include "audit_replies.h"
 #include "log.h"
 #include "memory.h"
-#include "rule_line.h"
+#include "rule_purge.h"
 
 namespace {
 
@@ -39,9 +39,6 @@ constexpr std::size_t kMaxPermissions = 4;
 // libaudit refuses a key with this result on a rule that has only a system call, until the process
 // has built a rule with a permission field.
 constexpr int kKeyNeedsSyscallOrPermission = -19;
-
-constexpr int kListWait_ms = 100;
-constexpr int kMaxEmptyReads = 40;
 
 // Rules are made, and freed, as libaudit does it: it moves them when a string field is added.
 using Rule = qel::Owned<audit_rule_data>;
@@ -120,7 +117,7 @@ bool send_rule(const Rule& rule, Request request) {
   const bool add = request == Request::kAdd;
   const int result = add ? audit_add_rule_data(audit_fd, rule.get(), kRuleFlags, AUDIT_ALWAYS)
                          : delete_rule(rule.get());
-  if (result >= 0) return true;
+  if (outcome_of(result) >= 0) return true;
   QEL_ERROR("audit_%s_rule_data failed\n", add ? "add" : "del");
   return false;
 }
@@ -282,118 +279,6 @@ bool send_bind_rule(Request request) {
   return send_syscall_rule(request, "bind", kBindRule);
 }
 
-// ---- Purge -------------------------------------------------------------------------------------
-
-// The rules that the kernel listed, in its order.
-class ListedRules {
- public:
-  ListedRules() = default;
-  ListedRules(const ListedRules&) = delete;
-  ListedRules& operator=(const ListedRules&) = delete;
-  ~ListedRules() {
-    while (pop() != nullptr) continue;
-  }
-
-  void append(Rule rule) {
-    Entry* entry = QEL_CHECKED(qel::new_zeroed<Entry>());
-    entry->rule = rule.release();
-    *tail_ = entry;
-    tail_ = &entry->next;
-  }
-
-  // The first rule, no longer in the list, or null.
-  Rule pop() {
-    if (head_ == nullptr) return nullptr;
-    const qel::Owned<Entry> entry(head_);
-    head_ = entry->next;
-    if (head_ == nullptr) tail_ = &head_;
-    return Rule(entry->rule);
-  }
-
- private:
-  struct Entry {
-    Entry* next;
-    audit_rule_data* rule;
-  };
-  Entry* head_ = nullptr;
-  Entry** tail_ = &head_;
-};
-
-// A copy of a listed rule, or null when the length that it gives for its strings is not in the
-// reply.
-Rule copy_rule(const audit_rule_data& listed) {
-  constexpr std::size_t kMaxStrings = MAX_AUDIT_MESSAGE_LENGTH - sizeof(audit_rule_data);
-  if (listed.buflen > kMaxStrings) return nullptr;
-  const std::size_t size = sizeof(audit_rule_data) + listed.buflen;
-  Rule copy(static_cast<audit_rule_data*>(QEL_CHECKED(std::malloc(size))));
-  std::memcpy(copy.get(), &listed, size);
-  return copy;
-}
-
-// Waits for something to read. Returns whether a read is worth trying, which it also is when the
-// time is up: a failed wait is not.
-bool wait_for_reply() {
-  pollfd audit = {.fd = audit_fd, .events = POLLIN, .revents = 0};
-  int ready;
-  do {
-    ready = poll(&audit, 1, kListWait_ms);
-  } while (ready < 0 && errno == EINTR);
-  return ready >= 0 && (audit.revents & POLLNVAL) == 0;
-}
-
-bool read_reply(audit_reply& reply) {
-  return wait_for_reply() && audit_get_reply(audit_fd, &reply, GET_REPLY_NONBLOCKING, 0) > 0;
-}
-
-// Collects the replies to the list request `sequence` until they end or no more come. Records that
-// arrive meanwhile are lost.
-bool collect_rules(std::uint32_t sequence, ListedRules& rules) {
-  audit_reply reply;
-  for (int empty_reads = 0; empty_reads < kMaxEmptyReads;) {
-    if (!read_reply(reply)) {
-      ++empty_reads;
-      continue;
-    }
-    empty_reads = 1;
-    if (reply.nlh->nlmsg_seq != sequence) continue;
-    if (reply.type == NLMSG_DONE) return true;
-    if (reply.type == NLMSG_ERROR && reply.error->error != 0) {
-      QEL_ERROR("receiving rules list failed: %s\n", strerror(-reply.error->error));
-      return false;
-    }
-    if (reply.type != AUDIT_LIST_RULES) continue;
-    if (Rule rule = copy_rule(*reply.ruledata)) rules.append(std::move(rule));
-  }
-  return true;
-}
-
-bool delete_rules(ListedRules& rules) {
-  while (const Rule rule = rules.pop()) {
-    const int result = audit_delete_rule_data(audit_fd, rule.get(), static_cast<int>(rule->flags),
-                                              static_cast<int>(rule->action));
-    if (result < 0) {
-      QEL_ERROR("deleting rule failed: %s\n", strerror(-result));
-      return false;
-    }
-    print_rule_line(*rule);
-  }
-  return true;
-}
-
-// Deletes every rule that the kernel has, whoever loaded it: a rule without one of our keys only
-// makes records that nobody reads, and rules of an earlier run would load twice.
-bool delete_all_audit_rules() {
-  const int sequence = audit_request_rules_list_data(audit_fd);
-  if (sequence <= 0) {
-    QEL_ERROR("audit_request_rules_list_data failed\n");
-    return false;
-  }
-  ListedRules rules;
-  if (!collect_rules(static_cast<std::uint32_t>(sequence), rules)) return false;
-  QEL_DEBUG("begin deleting old rules\n");
-  return delete_rules(rules);
-}
-
 // ---- Connection --------------------------------------------------------------------------------
 
 void close_connection() {
@@ -407,31 +292,30 @@ void unregister_and_close() {
 }
 
 bool become_receiver() {
-  if (audit_set_pid(audit_fd, static_cast<std::uint32_t>(getpid()), WAIT_YES) >= 0) return true;
+  const auto pid = static_cast<std::uint32_t>(getpid());
+  if (outcome_of(audit_set_pid(audit_fd, pid, WAIT_YES)) >= 0) return true;
   QEL_ERROR("audit_set_pid failed, uid=%u pid=%d", audit_getloginuid(), getpid());
   return false;
 }
 
 bool is_locked() {
-  int enabled = audit_is_enabled(audit_fd);
-  // It gives up on the acknowledgement of audit_set_pid, which may still be there, but has then
-  // read it.
-  if (enabled < 0) enabled = audit_is_enabled(audit_fd);
-  if (enabled < kLocked) return false;
+  if (ask_enabled() < kLocked) return false;
   QEL_ERROR("audit is locked\n");
   return true;
 }
 
 bool switch_on() {
-  if (audit_set_enabled(audit_fd, 1) >= 0) return true;
+  if (outcome_of(audit_set_enabled(audit_fd, 1)) >= 0) return true;
   QEL_ERROR("audit_set_enabled failed, uid=%u pid=%d", audit_getloginuid(), getpid());
   return false;
 }
 
 // None of these is worth failing a start for.
 void configure() {
-  if (audit_set_rate_limit(audit_fd, kNoRateLimit) <= 0) QEL_ERROR("audit_set_rate_limit failed\n");
-  if (audit_set_backlog_limit(audit_fd, kBacklogLimit) <= 0) {
+  if (outcome_of(audit_set_rate_limit(audit_fd, kNoRateLimit)) <= 0) {
+    QEL_ERROR("audit_set_rate_limit failed\n");
+  }
+  if (outcome_of(audit_set_backlog_limit(audit_fd, kBacklogLimit)) <= 0) {
     QEL_ERROR("audit_set_backlog_limit failed\n");
   }
   if (!delete_all_audit_rules()) QEL_ERROR("delete_all_audit_rules failed\n");
@@ -457,6 +341,7 @@ int audit_subsys_init() {
     audit_fd = -1;
     return -1;
   }
+  prepare_socket();
   if (!become_receiver()) {
     close_connection();
     return -1;

@@ -17,6 +17,7 @@
 #include "audit_event.h"
 #include "audit_msg.h"
 #include "audit_ops.h"
+#include "audit_replies.h"
 #include "audit_rule.h"
 #include "callback_registry.h"
 #include "late_write.h"
@@ -72,7 +73,9 @@ int poll_audit(void*) {
     return 0;
   }
   audit_reply reply;
-  if (audit_get_reply(audit_fd, &reply, GET_REPLY_NONBLOCKING, 0) <= 0) {
+  const int result = audit_get_reply(audit_fd, &reply, GET_REPLY_NONBLOCKING, 0);
+  if (result <= 0) {
+    if (result == -ENOBUFS) note_overrun();
     QEL_ERROR("audit_get_reply failed\n");
     return 0;
   }

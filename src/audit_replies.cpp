@@ -1,0 +1,124 @@
+#include "audit_replies.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include <cerrno>
+
+#include "audit_rule.h"
+
+namespace {
+
+constexpr int kReceiveBuffer_bytes = 8 * 1024 * 1024;
+
+constexpr int kReplyWait_ms = 100;
+constexpr int kMaxEmptyReads = 40;
+constexpr std::int64_t kReplyTimeout_ms = 4000;
+constexpr std::int64_t kDiscardTime_ms = 1000;
+
+struct {
+  bool overrun;
+} state;
+
+std::int64_t now_ms() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * std::int64_t{1000} + now.tv_nsec / 1'000'000;
+}
+
+// Waits for something to read. Returns whether a read is worth trying, which it also is when the
+// time is up: a failed wait is not.
+bool wait_for_message() {
+  pollfd audit = {.fd = audit_fd, .events = POLLIN, .revents = 0};
+  int ready;
+  do {
+    ready = poll(&audit, 1, kReplyWait_ms);
+  } while (ready < 0 && errno == EINTR);
+  return ready >= 0 && (audit.revents & POLLNVAL) == 0;
+}
+
+// Reads one message without waiting. Returns audit_get_reply's result.
+int read_message(audit_reply& reply) {
+  const int result = audit_get_reply(audit_fd, &reply, GET_REPLY_NONBLOCKING, 0);
+  if (result == -ENOBUFS) note_overrun();
+  return result;
+}
+
+bool has_unread() {
+  pollfd audit = {.fd = audit_fd, .events = POLLIN, .revents = 0};
+  return poll(&audit, 1, 0) > 0 && (audit.revents & POLLIN) != 0;
+}
+
+bool take_enabled(const audit_reply& reply, void* enabled) {
+  if (reply.type != AUDIT_GET) return false;
+  *static_cast<int*>(enabled) = static_cast<int>(reply.status->enabled);
+  return true;
+}
+
+}  // namespace
+
+void prepare_socket() {
+  state.overrun = false;
+  constexpr int kSize = kReceiveBuffer_bytes;
+  if (setsockopt(audit_fd, SOL_SOCKET, SO_RCVBUFFORCE, &kSize, sizeof(kSize)) == 0) return;
+  setsockopt(audit_fd, SOL_SOCKET, SO_RCVBUF, &kSize, sizeof(kSize));
+}
+
+int outcome_of(int result) {
+  if (result != -ENOBUFS) return result;
+  note_overrun();
+  return 1;
+}
+
+void note_overrun() {
+  state.overrun = true;
+}
+
+bool has_overrun() {
+  return state.overrun;
+}
+
+// Where records come as fast as they are read the socket does not get empty, but then there is room
+// in it most of the time.
+void discard_waiting() {
+  audit_reply reply;
+  const std::int64_t deadline_ms = now_ms() + kDiscardTime_ms;
+  while (now_ms() < deadline_ms) {
+    const int result = read_message(reply);
+    if (result <= 0 && result != -ENOBUFS) break;
+  }
+  state.overrun = false;
+}
+
+void read_replies(std::uint32_t sequence, TakeReply take, void* argument) {
+  audit_reply reply;
+  std::int64_t deadline_ms = now_ms() + kReplyTimeout_ms;
+  for (int empty_reads = 0; empty_reads < kMaxEmptyReads;) {
+    if (!wait_for_message() || read_message(reply) <= 0) {
+      ++empty_reads;
+      continue;
+    }
+    empty_reads = 1;
+    if (reply.nlh->nlmsg_seq == sequence) {
+      if (take(reply, argument)) return;
+      deadline_ms = now_ms() + kReplyTimeout_ms;
+    } else if (now_ms() > deadline_ms) {
+      note_overrun();  // it was dropped: only a full socket makes the kernel do that
+      return;
+    }
+  }
+}
+
+// audit_is_enabled looks at forty messages at most, and gives up on an acknowledgement that is left
+// over from audit_set_pid, which it then has read: hence the second try. Records that the kernel
+// kept while there was no receiver can be more.
+int ask_enabled() {
+  int enabled = audit_is_enabled(audit_fd);
+  if (enabled < 0) enabled = audit_is_enabled(audit_fd);
+  if (enabled >= 0 || !has_unread()) return enabled;
+  discard_waiting();
+  const int sequence = audit_request_status(audit_fd);
+  if (sequence > 0) read_replies(static_cast<std::uint32_t>(sequence), take_enabled, &enabled);
+  return enabled;
+}
