@@ -111,6 +111,7 @@ struct Kernel {
   std::array<ScriptedFailure, static_cast<std::size_t>(Call::kCount)> failures{};
   unsigned calls_to_failure = 0;  // 0: none is planned
   int planned_result = 0;
+  std::size_t received = 0;
 };
 
 Kernel kernel;
@@ -237,6 +238,12 @@ int receive(audit_reply& reply, bool peek) {
     return refuse(size == sizeof reply.msg ? -EFBIG : -EBADE);
   if (points_at_payload(reply.type)) reply.message = reply.msg.data;
   return static_cast<int>(size);
+}
+
+// Returns `size` itself, the result of a reading call.
+int count_received(int size, int peek) {
+  if (size > 0 && (peek & MSG_PEEK) == 0) ++kernel.received;
+  return size;
 }
 
 // ---- Requests ---------------------------------------------------------------------------------
@@ -640,6 +647,10 @@ unsigned calls(Call call) {
   return all;
 }
 
+std::size_t received() {
+  return kernel.received;
+}
+
 const std::vector<Rule>& rules() {
   return kernel.rules;
 }
@@ -738,9 +749,10 @@ int audit_request_rules_list_data(int fd) {
 // Blocking on an empty queue would last for ever here, so it ends with -EAGAIN, too.
 int audit_get_reply(int fd, audit_reply* reply, reply_t block, int peek) {
   if (!kernel.on)
-    return forward<decltype(audit_get_reply)>("audit_get_reply", fd, reply, block, peek);
+    return count_received(
+        forward<decltype(audit_get_reply)>("audit_get_reply", fd, reply, block, peek), peek);
   if (const auto result = begin_request(Call::kGetReply, fd)) return *result;
-  return receive(*reply, (peek & MSG_PEEK) != 0);
+  return count_received(receive(*reply, (peek & MSG_PEEK) != 0), peek);
 }
 
 int audit_add_rule_data(int fd, audit_rule_data* rule, int flags, int action) {

@@ -109,6 +109,9 @@ void feed(int type, std::string_view payload, std::uint32_t sequence = 0);
 // ---- Looking ----------------------------------------------------------------------------------
 // Calls of this kind since the kernel was switched on; of all kinds for Call::kCount.
 unsigned calls(Call call);
+// Messages that audit_get_reply has handed over since the last switch, those of the real kernel
+// while it is off included.
+std::size_t received();
 // As listed: by filter list, in each the newest first if added with AUDIT_FILTER_PREPEND, which is
 // dropped from the flags.
 const std::vector<Rule>& rules();

@@ -99,9 +99,9 @@ Line parse_recorded(std::string_view line, std::string& bytes) {
   if (!digits) return {.problem = "no tab behind the record type"};
   const auto type = parse_type(*digits);
   if (!type) return {.problem = "the record type is not a number from 1 to 65535"};
-  if (!skip(line, "hex:")) return {.record = {*type, line}};
+  if (!skip(line, "hex:")) return {.record = {*type, line, false}};
   if (!decode_hex(line, bytes)) return {.problem = "the payload is not in hexadecimal"};
-  return {.record = {*type, bytes}};
+  return {.record = {*type, bytes, false}};
 }
 
 Line parse_logged(std::string_view line) {
@@ -112,7 +112,7 @@ Line parse_logged(std::string_view line) {
   if (!type) return {.problem = "unknown record type"};
   if (!skip(line, "msg=") || !line.starts_with("audit("))
     return {.problem = "no msg=audit( behind the record type"};
-  return {.record = {*type, line.substr(0, line.find(kInterpretationsFollow))}};
+  return {.record = {*type, line.substr(0, line.find(kInterpretationsFollow)), true}};
 }
 
 Line parse_line(std::string_view line, std::string& bytes) {

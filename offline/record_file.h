@@ -10,6 +10,7 @@ namespace offline {
 struct Record {
   int type;                  // netlink message type
   std::string_view payload;  // a record's text, or the binary payload of a reply
+  bool logged;               // from an auditd log, to which auditd does not write AUDIT_EOE
 };
 
 // Calls `take` for each record of `path` ("-" is standard input), in order; the payload lasts as
