@@ -6,19 +6,21 @@
  * configuration: what is registered is what is reported.
  *
  * Conventions
- *   Thread     Everything runs on the thread of the agent framework's main loop: call every
- * function below from it, and expect every callback on it. There are no locks. Results    0 or more
- * is success, -1 is failure. The reason of a failure is logged through the framework's
- * error_output. A failed call leaves the registrations as they were. Privileges Starting needs
- * CAP_AUDIT_CONTROL in the initial user and pid namespaces; reading /etc/shadow, for password
- * changes, needs root or membership of its group. Texts      Strings are passed in as the host's
- * encoding, zero-terminated, and are copied. Texts in events are bytes as the kernel reported them,
- * zero-terminated, cut to their field. Callbacks  run inside the main loop's poller and hold up the
- * reading of records: be quick, a few hundred microseconds at most. The event and everything it
- * points to are gone when the callback returns. Its result is not read. A callback may register
- * further callbacks, which work at once. It may call qel_audit_fini, which then takes effect when
- * the record being handled is finished. Memory     When memory is exhausted the process ends with
- * exit(0), after a log line.
+ *   Thread      Everything runs on the thread of the agent framework's main loop: call every
+ *               function below from it, and expect every callback on it. There are no locks.
+ *   Results     0 or more is success, -1 is failure. The reason of a failure is logged through the
+ *               framework's error_output. A failed call leaves the registrations as they were.
+ *   Privileges  Starting needs CAP_AUDIT_CONTROL in the initial user and pid namespaces; reading
+ *               /etc/shadow, for password changes, needs root or membership of its group.
+ *   Texts       Texts are zero-terminated bytes in the host's encoding. Those passed in are copied;
+ *               those in events are as the kernel reported them, cut to their field.
+ *   Callbacks   run inside the main loop's poller and hold up the reading of records: be quick, a
+ *               few hundred microseconds at most. The event and all it points to are gone when the
+ *               callback returns. Its result is not read. It must not throw.
+ *               A callback may register further callbacks, which work at once. It may call
+ *               qel_audit_fini, which takes effect when the record being handled is finished, for
+ *               what the callback registers behind it as well.
+ *   Memory      When memory is exhausted the process ends with exit(0), after a log line.
  *
  * Starting DELETES every audit rule that is loaded in the kernel, and so does stopping: rules of
  * other programs too. Each deleted rule is printed on standard output.
