@@ -5,12 +5,12 @@ target_compile_options(qel_options INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor -Wold-style-cast -Wcast-qual>
   -Werror -Werror=format
   -fstack-protector-strong)
-target_compile_definitions(qel_options INTERFACE
-  $<$<NOT:$<CONFIG:Debug>>:$<$<STREQUAL:${QEL_SANITIZE},>:_FORTIFY_SOURCE=2>>)
 target_link_options(qel_options INTERFACE -Wl,-z,relro -Wl,-z,now)
 
 if(QEL_SANITIZE)
   target_compile_options(qel_options INTERFACE
     -fsanitize=${QEL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(qel_options INTERFACE -fsanitize=${QEL_SANITIZE})
+else()
+  target_compile_definitions(qel_options INTERFACE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
 endif()
