@@ -25,10 +25,19 @@ constexpr char kLogSource[] = "audit_msg";
 constexpr std::int64_t kContextLifetime_s = 10;
 constexpr float kScanShare = 0.05F;  // of the table, in one expiry scan
 
+// The context found last, and what all records of its group begin with,
+// "audit(SECONDS.MILLISECONDS: SERIAL):": they mostly come in a row, and need no second look at
+// their serial.
+struct Recent {
+  audit_ctx* ctx;
+  std::size_t header_length;  // 0 when the record found last began otherwise
+  char header[40];            // the kernel's has 35 at most
+};
+
 struct {
   xhash_t* contexts;  // by serial; owns them
   xhash_cookie_t* scan_place;
-  audit_ctx* recent;  // found last: the records of one group mostly come in a row
+  Recent recent;
 } state;
 
 // ---- Context table -----------------------------------------------------------------------------
@@ -48,29 +57,45 @@ int audit_ctx_compare(const void* key1, std::size_t, const void* key2, std::size
 
 void free_audit_ctx(void* value) {
   auto* ctx = static_cast<audit_ctx*>(value);
-  if (ctx == state.recent) state.recent = nullptr;
+  if (ctx == state.recent.ctx) state.recent = {};
   clear_audit_ctx(ctx);
   std::free(ctx);
 }
 
+void remember(audit_ctx* ctx, std::string_view header) {
+  state.recent.ctx = ctx;
+  state.recent.header_length = header.size() <= sizeof(state.recent.header)
+                                   ? header.copy(state.recent.header, header.size())
+                                   : 0;
+}
+
+bool is_of_recent(std::string_view text) {
+  const Recent& recent = state.recent;
+  return recent.header_length != 0 && text.starts_with({recent.header, recent.header_length});
+}
+
 audit_ctx* search_ctx(std::uint32_t serial) {
-  if (state.recent != nullptr && state.recent->serial == serial) return state.recent;
   void* found = nullptr;
   if (state.contexts == nullptr || xhash_search(state.contexts, key_of(serial), 0, &found) != 0)
     return nullptr;
-  state.recent = static_cast<audit_ctx*>(found);
-  return state.recent;
+  return static_cast<audit_ctx*>(found);
 }
 
+// The open context of a record, or null.
 audit_ctx* find_audit_ctx(std::string_view text) {
+  if (is_of_recent(text)) return state.recent.ctx;
   std::uint32_t serial = 0;
-  const char* behind = nullptr;
-  if (!qel::read_serial(text, serial, behind)) {
+  std::string_view header;
+  if (!qel::read_serial(text, serial, header)) {
     QEL_ERROR("parse_serial failed\n");
     return nullptr;
   }
   audit_ctx* ctx = search_ctx(serial);
-  if (ctx == nullptr) QEL_DEBUG("search audit context failed\n");
+  if (ctx != nullptr) {
+    remember(ctx, header);
+  } else {
+    QEL_DEBUG("search audit context failed\n");
+  }
   return ctx;
 }
 
@@ -84,7 +109,6 @@ audit_ctx* open_audit_ctx(std::uint32_t serial) {
   } else {
     ctx = QEL_CHECKED(qel::new_zeroed<audit_ctx>());
     xhash_insert(state.contexts, key_of(serial), 0, ctx);
-    state.recent = ctx;
   }
   ctx->serial = serial;
   ctx->deadline = std::time(nullptr) + kContextLifetime_s;
@@ -126,24 +150,28 @@ struct SyscallRecord {
 // Reads the fields in the kernel's order; all must be there except success and exit. Names with a
 // blank in front would otherwise be found at the end of longer ones: pid in ppid, uid in auid and
 // euid.
-bool parse_syscall(const char* from, const char* end, SyscallRecord& record) {
-  qel::FieldWalk fields(from, end);
+bool parse_syscall(std::string_view text, SyscallRecord& record) {
+  qel::FieldWalk fields(text);
   if (!fields.hex("arch=", record.arch) || !fields.decimal("syscall=", record.syscall))
     return false;
   if (std::string_view success; fields.text("success=", success)) record.success = success == "yes";
   fields.any_base("exit=", record.exit);
-  return fields.hex("a0=", record.args[0]) && fields.hex("a1=", record.args[1]) &&
-         fields.hex("a2=", record.args[2]) && fields.hex("a3=", record.args[3]) &&
-         fields.decimal(" ppid=", record.ppid) && fields.decimal(" pid=", record.pid) &&
-         fields.decimal(" uid=", record.uid) && fields.decimal(" gid=", record.gid) &&
+  if (!fields.hex("a0=", record.args[0]) || !fields.hex("a1=", record.args[1]) ||
+      !fields.hex("a2=", record.args[2]) || !fields.hex("a3=", record.args[3]))
+    return false;
+  fields.skip(" items=");
+  if (!fields.decimal(" ppid=", record.ppid) || !fields.decimal(" pid=", record.pid)) return false;
+  fields.skip(" auid=");
+  return fields.decimal(" uid=", record.uid) && fields.decimal(" gid=", record.gid) &&
          fields.text("comm=", record.comm) && fields.key(record.key);
 }
 
 // The id of the rule type with this name, or -1.
 std::int32_t find_rule_type(const char* name) {
-  const auto* type =
-      std::find_if(std::begin(audit_rule_types), std::end(audit_rule_types),
-                   [name](const audit_rule_type& t) { return std::strcmp(name, t.name) == 0; });
+  const auto* type = std::find_if(
+      std::begin(audit_rule_types), std::end(audit_rule_types), [name](const audit_rule_type& t) {
+        return *name == *t.name && std::strcmp(name, t.name) == 0;  // most differ at once
+      });
   return type == std::end(audit_rule_types) ? -1 : type->id;
 }
 
@@ -161,10 +189,10 @@ std::int32_t rule_type_of(std::string_view key_value) {
 
 int take_syscall(std::string_view text) {
   std::uint32_t serial = 0;
-  const char* fields = nullptr;
-  if (!qel::read_serial(text, serial, fields)) return -1;
+  std::string_view header;
+  if (!qel::read_serial(text, serial, header)) return -1;
   SyscallRecord record;
-  if (!parse_syscall(fields, text.data() + text.size(), record)) {
+  if (!parse_syscall(text.substr(header.size()), record)) {
     QEL_ERROR("parse_syscall failed\n");
     return -1;
   }
@@ -176,6 +204,7 @@ int take_syscall(std::string_view text) {
   if (state.contexts == nullptr) return -1;
 
   audit_ctx* ctx = open_audit_ctx(serial);
+  remember(ctx, header);
   ctx->msgtype = AUDIT_SYSCALL;
   ctx->ruletype = ruletype;
   ctx->arch = record.arch;
@@ -195,7 +224,7 @@ int take_syscall(std::string_view text) {
 // The value of a field, searched for from the start of the text. Returns whether there is one.
 template <std::size_t Size>
 bool find_value(std::string_view text, const char (&name)[Size], std::string_view& value) {
-  return qel::FieldWalk(text.data(), text.data() + text.size()).text(name, value);
+  return qel::FieldWalk(text).text(name, value);
 }
 
 // Only of use for an execution without arguments: one that failed.

@@ -7,10 +7,12 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <charconv>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include "log.h"
 
@@ -127,6 +129,17 @@ std::uint32_t hash_port_key(const void* key, std::size_t) {
 
 int compare_port_keys(const void* a, std::size_t, const void* b, std::size_t) {
   return compare_ports(slot_of(a), slot_of(b));
+}
+
+// As inet_ntop(3) prints it, which takes ten times as long; this is done for a log line of every
+// bind.
+void print_ipv4(const char* address, char (&text)[INET6_ADDRSTRLEN]) {
+  char* at = text;
+  for (int i = 0; i < 4; ++i) {
+    if (i > 0) *at++ = '.';
+    at = std::to_chars(at, std::end(text), static_cast<unsigned char>(address[i])).ptr;
+  }
+  *at = '\0';
 }
 
 // ---- Runners -----------------------------------------------------------------------------------
@@ -326,26 +339,26 @@ void run_bind_callback(const void* event, const callback_pair* callback) {
 
 const char* get_socket_addr(const void* address) {
   const auto* base = static_cast<const char*>(address);
-  char* const text = texts.address;
-  constexpr auto kSize = sizeof(texts.address);
+  auto& text = texts.address;
   text[0] = '\0';
   switch (static_cast<const sockaddr_storage*>(address)->ss_family) {
     case AF_UNIX:
       return base + offsetof(sockaddr_un, sun_path);
     case AF_INET:
-      inet_ntop(AF_INET, base + offsetof(sockaddr_in, sin_addr), text, kSize);
+      print_ipv4(base + offsetof(sockaddr_in, sin_addr), text);
       break;
     case AF_INET6:
-      inet_ntop(AF_INET6, base + offsetof(sockaddr_in6, sin6_addr), text, kSize);
+      inet_ntop(AF_INET6, base + offsetof(sockaddr_in6, sin6_addr), text, sizeof(text));
       break;
     case AF_NETLINK: {
       const auto* netlink = static_cast<const sockaddr_nl*>(address);
-      str_snprintf(text, kSize, "%d.%x", static_cast<int>(netlink->nl_pid), netlink->nl_groups);
+      str_snprintf(text, sizeof(text), "%d.%x", static_cast<int>(netlink->nl_pid),
+                   netlink->nl_groups);
       break;
     }
     case AF_PACKET: {
       const auto* packet = static_cast<const sockaddr_ll*>(address);
-      str_snprintf(text, kSize, "%d.%x", packet->sll_ifindex,
+      str_snprintf(text, sizeof(text), "%d.%x", packet->sll_ifindex,
                    static_cast<unsigned>(packet->sll_protocol));
       break;
     }

@@ -8,7 +8,6 @@ namespace qel {
 namespace {
 
 constexpr std::string_view kHeader = "audit(";
-constexpr unsigned kNoDigit = 36;
 
 bool is_blank(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
@@ -16,13 +15,6 @@ bool is_blank(char c) {
 
 bool is_decimal(char c) {
   return c >= '0' && c <= '9';
-}
-
-unsigned digit_value(char c) {
-  if (is_decimal(c)) return static_cast<unsigned>(c - '0');
-  if (c >= 'a' && c <= 'z') return static_cast<unsigned>(c - 'a') + 10;
-  if (c >= 'A' && c <= 'Z') return static_cast<unsigned>(c - 'A') + 10;
-  return kNoDigit;
 }
 
 const char* skip_blanks(const char* at, const char* end) {
@@ -80,30 +72,29 @@ bool scan_stamp(std::string_view stamp, std::uint32_t& serial) {
   return true;
 }
 
-// Takes one or more plain digits off the front.
-bool take_plain_number(const char*& at, const char* end, std::uint64_t& number) {
+// Steps over one or more decimal digits.
+bool skip_digits(const char*& at, const char* end) {
   const char* const from = at;
-  number = 0;
-  for (; at != end && is_decimal(*at); ++at) {
-    number = number * 10 + static_cast<std::uint64_t>(*at - '0');
-  }
+  while (at != end && is_decimal(*at)) ++at;
   return at != from;
 }
 
 // Reads a header exactly as the kernel writes it.
-bool read_plain_header(std::string_view text, std::uint32_t& serial, const char*& behind) {
+bool read_plain_header(std::string_view text, std::uint32_t& serial, std::string_view& header) {
   constexpr std::ptrdiff_t kMaxDigits = 10;
   if (!text.starts_with(kHeader)) return false;
   const char* const end = text.data() + text.size();
   const char* at = text.data() + kHeader.size();
-  std::uint64_t number = 0;
-  if (!take_plain_number(at, end, number) || !scan_character(at, end, '.')) return false;
-  if (!take_plain_number(at, end, number) || !scan_character(at, end, ':')) return false;
+  if (!skip_digits(at, end) || !scan_character(at, end, '.')) return false;
+  if (!skip_digits(at, end) || !scan_character(at, end, ':')) return false;
   const char* const digits = at;
-  if (!take_plain_number(at, end, number) || at - digits > kMaxDigits) return false;
-  if (!scan_character(at, end, ')') || !scan_character(at, end, ':')) return false;
+  if (!skip_digits(at, end) || at - digits > kMaxDigits) return false;
+  const char* behind = at;
+  if (!scan_character(behind, end, ')') || !scan_character(behind, end, ':')) return false;
+  std::uint64_t number = 0;
+  for (const char* digit = digits; digit != at; ++digit) number = number * 10 + digit_value(*digit);
   serial = static_cast<std::uint32_t>(number);
-  behind = at;
+  header = text.substr(0, static_cast<std::size_t>(behind - text.data()));
   return true;
 }
 
@@ -130,13 +121,13 @@ const char* find_character(const char* from, const char* end, char wanted) {
 
 }  // namespace
 
-bool read_serial(std::string_view text, std::uint32_t& serial, const char*& behind) {
-  if (read_plain_header(text, serial, behind)) [[likely]]
+bool read_serial(std::string_view text, std::uint32_t& serial, std::string_view& header) {
+  if (read_plain_header(text, serial, header)) [[likely]]
     return true;
-  behind = text.data();
-  const std::size_t header = text.find(kHeader);
-  if (header == text.npos) return false;
-  const std::string_view stamp = text.substr(header + kHeader.size());
+  header = {};
+  const std::size_t place = text.find(kHeader);
+  if (place == text.npos) return false;
+  const std::string_view stamp = text.substr(place + kHeader.size());
   return scan_stamp(stamp.substr(0, stamp.find(')')), serial);
 }
 
@@ -150,11 +141,6 @@ std::uint64_t to_number(std::string_view value, int base) {
   }
   if (base == 0) base = at != end && *at == '0' ? 8 : 10;
   return take_digits(at, end, static_cast<unsigned>(base), negative);
-}
-
-unsigned hex_value(char digit) {
-  const unsigned value = digit_value(digit);
-  return value < 16 ? value : 0;
 }
 
 std::size_t decode_hex(std::string_view source, void* destination, std::size_t room) {

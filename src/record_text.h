@@ -6,6 +6,7 @@
 // the last one ended, and searched for only when it is not there: a record is walked about once.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -13,18 +14,33 @@
 
 namespace qel {
 
-// Reads the serial of "audit(SECONDS.MILLISECONDS:SERIAL)" and stores the place behind the header
-// when the text starts with one as the kernel writes it, otherwise the text's start. Returns
-// whether there is a readable serial.
-bool read_serial(std::string_view text, std::uint32_t& serial, const char*& behind);
+inline constexpr unsigned kNoDigit = 0xFF;
+
+// The value of each character as a hexadecimal digit, or kNoDigit.
+inline constexpr auto kDigitValues = [] {
+  std::array<std::uint8_t, 256> values;
+  values.fill(kNoDigit);
+  for (unsigned i = 0; i < 10; ++i) values['0' + i] = static_cast<std::uint8_t>(i);
+  for (unsigned i = 0; i < 6; ++i) {
+    values['a' + i] = values['A' + i] = static_cast<std::uint8_t>(10 + i);
+  }
+  return values;
+}();
+
+inline unsigned digit_value(char c) {
+  return kDigitValues[static_cast<unsigned char>(c)];
+}
+
+// Reads the serial of "audit(SECONDS.MILLISECONDS:SERIAL)". Returns whether there is a readable
+// one. `header` becomes the front of the text up to the colon behind the parenthesis, when the text
+// begins as the kernel writes it, and is empty otherwise: two records with the same header have the
+// same serial.
+bool read_serial(std::string_view text, std::uint32_t& serial, std::string_view& header);
 
 // Converts as strtoull(3) does: leading blanks, a sign, a prefix for base 16 and base 0, digits up
 // to the first other character; the largest number when it does not fit and 0 when there are no
 // digits.
 std::uint64_t to_number(std::string_view value, int base);
-
-// The value of a hexadecimal digit, or 0 for another character.
-unsigned hex_value(char digit);
 
 // Decodes pairs of hexadecimal digits from the start of `source` into at most `room` bytes; an odd
 // last digit is left out. Returns the number of bytes. Nothing is terminated.
@@ -57,7 +73,7 @@ inline const char* end_of_value(const char* from, const char* end) {
 // there is none.
 class FieldWalk {
  public:
-  FieldWalk(const char* from, const char* end) : at_(from), end_(end) {}
+  explicit FieldWalk(std::string_view text) : at_(text.data()), end_(at_ + text.size()) {}
 
   template <std::size_t Size, typename Number>
   bool hex(const char (&name)[Size], Number& result) {
@@ -88,17 +104,33 @@ class FieldWalk {
     return take_value(name == nullptr ? nullptr : name + std::strlen("key="), value);
   }
 
- private:
-  // The place of the field's value, or null. `Size` counts the literal's terminator.
+  // Steps over a field that is of no use, if it comes next. Its value cannot hold what is looked
+  // for next, whose name must begin with a blank.
   template <std::size_t Size>
-  const char* find(const char (&name)[Size]) const {
+  void skip(const char (&name)[Size]) {
+    if (const char* value = find_next(name)) at_ = end_of_value(value, end_);
+  }
+
+ private:
+  // The place of the value if the field comes next, or null. `Size` counts the literal's
+  // terminator.
+  template <std::size_t Size>
+  const char* find_next(const char (&name)[Size]) const {
     constexpr std::size_t kLength = Size - 1;
     const std::size_t blank = name[0] == ' ' ? 0 : 1;
-    if (static_cast<std::size_t>(end_ - at_) >= blank + kLength && *at_ == ' ' &&
-        std::memcmp(at_ + blank, name, kLength) == 0) [[likely]]
-      return at_ + blank + kLength;
-    const char* found = find_field(at_, end_, {name, kLength});
-    return found == nullptr ? nullptr : found + kLength;
+    if (static_cast<std::size_t>(end_ - at_) < blank + kLength || *at_ != ' ' ||
+        std::memcmp(at_ + blank, name, kLength) != 0)
+      return nullptr;
+    return at_ + blank + kLength;
+  }
+
+  // The place of the field's value, or null.
+  template <std::size_t Size>
+  const char* find(const char (&name)[Size]) const {
+    if (const char* next = find_next(name)) [[likely]]
+      return next;
+    const char* found = find_field(at_, end_, {name, Size - 1});
+    return found == nullptr ? nullptr : found + Size - 1;
   }
 
   bool take_value(const char* from, std::string_view& value) {
@@ -106,14 +138,6 @@ class FieldWalk {
     at_ = end_of_value(from, end_);
     value = {from, static_cast<std::size_t>(at_ - from)};
     return true;
-  }
-
-  template <int Base>
-  static unsigned digit_value(char c) {
-    const auto decimal = static_cast<unsigned>(static_cast<unsigned char>(c)) - '0';
-    if (decimal < 10 || Base == 10) return decimal;
-    const auto letter = (static_cast<unsigned>(static_cast<unsigned char>(c)) | 0x20) - 'a';
-    return letter < 6 ? letter + 10 : Base;
   }
 
   // Digits up to the space are read by hand; anything else has strtoull's manners.
@@ -124,7 +148,7 @@ class FieldWalk {
     const char* at = from;
     std::uint64_t sum = 0;
     for (; at != end_; ++at) {
-      const unsigned digit = digit_value<Base>(*at);
+      const unsigned digit = digit_value(*at);
       if (digit >= Base) break;
       sum = sum * Base + digit;
     }
