@@ -45,11 +45,6 @@ int read_message(audit_reply& reply) {
   return result;
 }
 
-bool has_unread() {
-  pollfd audit = {.fd = audit_fd, .events = POLLIN, .revents = 0};
-  return poll(&audit, 1, 0) > 0 && (audit.revents & POLLIN) != 0;
-}
-
 bool take_enabled(const audit_reply& reply, void* enabled) {
   if (reply.type != AUDIT_GET) return false;
   *static_cast<int*>(enabled) = static_cast<int>(reply.status->enabled);
@@ -77,6 +72,11 @@ void note_overrun() {
 
 bool has_overrun() {
   return state.overrun;
+}
+
+bool has_unread() {
+  pollfd audit = {.fd = audit_fd, .events = POLLIN, .revents = 0};
+  return poll(&audit, 1, 0) > 0 && (audit.revents & POLLIN) != 0;
 }
 
 // Where records come as fast as they are read the socket does not get empty, but then there is room

@@ -27,6 +27,10 @@ void note_overrun();
 // Whether the socket has overrun since it was last read empty.
 bool has_overrun();
 
+// Whether a message waits. While one does, libaudit says success for every request: it does not
+// look behind the message for the answer.
+bool has_unread();
+
 // Reads the socket empty. What waits there is lost.
 void discard_waiting();
 

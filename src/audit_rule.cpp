@@ -106,11 +106,12 @@ bool add_key(Rule& rule, RuleType type) {
 }
 
 // The kernel lists a rule without the prepend bit and compares flags when it looks for the one to
-// delete, so a delete with the flags of the add is refused by real kernels.
+// delete, so real kernels refuse a delete with the flags of the add. An unread message hides that.
 int delete_rule(audit_rule_data* rule) {
   const int result = audit_delete_rule_data(audit_fd, rule, kRuleFlags, AUDIT_ALWAYS);
-  if (result >= 0) return result;
-  return audit_delete_rule_data(audit_fd, rule, AUDIT_FILTER_EXIT, AUDIT_ALWAYS);
+  if (result >= 0 && !has_unread()) return result;
+  const int listed = audit_delete_rule_data(audit_fd, rule, AUDIT_FILTER_EXIT, AUDIT_ALWAYS);
+  return result >= 0 ? result : listed;
 }
 
 bool send_rule(const Rule& rule, Request request) {
