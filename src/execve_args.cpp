@@ -58,8 +58,8 @@ std::int32_t read_index(const char*& at, const char* end) {
   for (; at != end && is_decimal(*at) && at - from < kMaxDigits; ++at)
     index = index * 10 + (*at - '0');
   const bool whole = at != from && (at == end || !is_decimal(*at));
-  const bool plain = at - from == 1 || *from != '0';
-  return whole && plain ? index : kNoIndex;
+  const bool plain = whole && (at - from == 1 || *from != '0');
+  return plain ? index : kNoIndex;
 }
 
 // Steps over a number as scanf(3)'s "%d" reads it: behind blanks and a sign. Returns null when
