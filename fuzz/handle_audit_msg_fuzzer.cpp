@@ -1,0 +1,139 @@
+// Fuzz target: series of audit replies through the whole library, from record intake to client
+// callbacks of every class, on the offline kernel and made-up databases.
+//
+// An input is a series of records: one byte that selects the type, one that selects how the reply
+// lies, the payload's length in two bytes, low byte first, and the payload. make_seeds.py writes
+// the same. libFuzzer adds what it finds to the first directory it is given, so name the seeds
+// second: handle_audit_msg_fuzzer CORPUS fuzz/seeds
+#include <audit_msg.h>
+#include <libaudit.h>
+#include <qel_audit.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+#include <span>
+#include <stdexcept>
+#include <vector>
+
+#include "captured_log.h"
+#include "databases.h"
+#include "fuzz_target.h"
+#include "offline_kernel.h"
+
+namespace {
+
+constexpr int kTypes[] = {AUDIT_SYSCALL, AUDIT_EXECVE, AUDIT_PATH,  AUDIT_SOCKADDR,
+                          AUDIT_EOE,     AUDIT_GET,    AUDIT_LOGIN, AUDIT_CWD};
+constexpr std::size_t kHeadSize = 4;
+
+enum Lie : std::uint8_t { kNoPayload = 0xf0, kNegativeLength, kLengthBeyondStorage };
+
+std::size_t events;
+volatile std::size_t touched;  // keeps what is read from being optimised away
+
+// ---- Callbacks that read all that an event points to -------------------------------------------
+
+template <typename Text>
+void touch(const Text& text) {
+  touched = touched + std::strlen(text);
+}
+
+void touch_process(const auto& event) {
+  ++events;
+  touch(event.user);
+  touch(event.process);
+}
+
+int on_login(const qel_login_info* event, void*) {
+  touch_process(*event);
+  touch(event->username);
+  touch(event->logintype);
+  return 0;
+}
+
+int on_user(const qel_user_info* event, void*) {
+  ++events;
+  touch(event->username);
+  touch(event->groupname);
+  return 0;
+}
+
+int on_syscall(const qel_syscall_info* event, void*) {
+  touch_process(*event);
+  touch(event->syscall);
+  return 0;
+}
+
+int on_execve(const qel_execve_info* event, void*) {
+  touch_process(*event);
+  for (int i = 0; i < event->argc; ++i) touch(event->argv[i]);
+  return 0;
+}
+
+int on_bind(const qel_bind_info* event, void*) {
+  touch_process(*event);
+  touched = touched + event->addr.ss_family;
+  return 0;
+}
+
+bool start_library() {
+  offline::switch_on();
+  test::databases = {.passwd = {{"root", 0, 0}, {"alice", 1000, 1000}},
+                     .shadow = {{"root", "*"}, {"alice", "!"}},
+                     .group = {{"root", 0}, {"alice", 1000}}};
+  test::redirect("/var/log/wtmp", QEL_TEST_DATA_DIR "/recordings/login-real.wtmp");
+  const bool registered =
+      qel_login_reg_callback(nullptr, QEL_LOGIN_LOGIN | QEL_LOGIN_LOGOUT, on_login, nullptr) >= 0 &&
+      qel_user_reg_callback(nullptr, QEL_USER_ADDED | QEL_USER_PASSWORD, on_user, nullptr) >= 0 &&
+      qel_syscall_reg_callback("all", QEL_SYSCALL_ANY, on_syscall, nullptr) >= 0 &&
+      qel_execve_reg_callback(nullptr, on_execve, nullptr) >= 0 &&
+      qel_bind_reg_callback(0, on_bind, nullptr) >= 0;
+  if (!registered) throw std::runtime_error("a registration failed: " + test::log_text(2));
+  return true;
+}
+
+// ---- Replies -----------------------------------------------------------------------------------
+
+// The payload stands in a block of its own size, so that the address sanitizer sees every access
+// beyond the storage. A status reply is never shorter than its structure.
+void send(int type, std::uint8_t lie, std::span<const std::uint8_t> payload) {
+  std::vector<char> block(payload.begin(), payload.end());
+  if (type == AUDIT_GET) block.resize(std::max(block.size(), sizeof(audit_status)));
+  audit_reply reply = {};
+  reply.type = type;
+  reply.len = static_cast<int>(payload.size());
+  if (lie == kNegativeLength) reply.len = -1 - reply.len;
+  if (lie == kLengthBeyondStorage) reply.len += MAX_AUDIT_MESSAGE_LENGTH + 1;
+  char nothing = '\0';
+  reply.message = block.empty() ? &nothing : block.data();
+  if (lie == kNoPayload) reply.message = nullptr;
+  handle_audit_msg(&reply);
+}
+
+}  // namespace
+
+std::size_t events_seen() {
+  return events;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static const bool started = start_library();
+  static_cast<void>(started);
+  for (std::span<const std::uint8_t> rest(data, size); rest.size() >= kHeadSize;) {
+    const int type = kTypes[rest[0] % std::size(kTypes)];
+    const std::uint8_t lie = rest[1];
+    const std::size_t length = rest[2] + 256U * rest[3];
+    rest = rest.subspan(kHeadSize);
+    const auto payload = rest.first(
+        std::min({length, rest.size(), static_cast<std::size_t>(MAX_AUDIT_MESSAGE_LENGTH)}));
+    send(type, lie, payload);
+    rest = rest.subspan(payload.size());
+  }
+  // Nothing is left for the next input.
+  audit_msg_fini();
+  audit_msg_init();
+  test::clear_log();
+  return 0;
+}
