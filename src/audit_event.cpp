@@ -233,7 +233,7 @@ int dispatch_event(const void* event) {
 
   // Callbacks may register more callbacks: the counts are read anew each time.
   void* found = nullptr;
-  if (xhash_search(registry.buckets, &key, 0, &found) == 0) {
+  if (xhash_count(registry.buckets) != 0 && xhash_search(registry.buckets, &key, 0, &found) == 0) {
     const auto* bucket = static_cast<const key_bucket*>(found);
     for (int i = 0; i < bucket->count; ++i) run_entry(registry, bucket->indexes[i], event, filter);
   }

@@ -286,7 +286,9 @@ int take_execve(std::string_view text) {
   return -1;
 }
 
+// The only record that has callbacks run.
 int take_end_of_event(std::string_view text) {
+  const qel::RecordScope scope;
   audit_ctx* ctx = find_audit_ctx(text);
   if (ctx == nullptr) return -1;
   handle_audit_event(ctx);
@@ -351,7 +353,6 @@ int get_audit_type(audit_ctx* ctx) {
 }
 
 int handle_audit_msg(audit_reply* reply) {
-  const qel::RecordScope scope;
   if (!has_payload(*reply)) return -1;
   // Types come first: of many records, such as CWD and PROCTITLE, no byte of the text is looked at.
   switch (reply->type) {

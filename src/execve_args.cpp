@@ -49,17 +49,21 @@ std::int32_t to_int32(std::string_view decimal) {
   return static_cast<std::int32_t>(qel::to_number(decimal, 10));
 }
 
-// Reads a decimal number as printf(3) writes it, without a sign or leading zeros, or returns
-// kNoIndex.
+// Reads a decimal number as printf(3) writes it, without a sign or leading zeros. Returns kNoIndex
+// for anything else, and for ten digits and more.
 std::int32_t read_index(const char*& at, const char* end) {
   constexpr std::ptrdiff_t kMaxDigits = 9;
   const char* const from = at;
-  std::int32_t index = 0;
-  for (; at != end && is_decimal(*at) && at - from < kMaxDigits; ++at)
-    index = index * 10 + (*at - '0');
-  const bool whole = at != from && (at == end || !is_decimal(*at));
-  const bool plain = whole && (at - from == 1 || *from != '0');
-  return plain ? index : kNoIndex;
+  const char* const limit = end - from > kMaxDigits ? from + kMaxDigits + 1 : end;
+  std::uint32_t index = 0;
+  for (; at != limit; ++at) {
+    const auto digit = static_cast<unsigned>(*at) - '0';
+    if (digit > 9) break;
+    index = index * 10 + digit;
+  }
+  const std::ptrdiff_t digits = at - from;
+  if (digits == 0 || digits > kMaxDigits || (*from == '0' && digits > 1)) return kNoIndex;
+  return static_cast<std::int32_t>(index);
 }
 
 // Steps over a number as scanf(3)'s "%d" reads it: behind blanks and a sign. Returns null when

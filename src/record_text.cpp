@@ -104,6 +104,26 @@ std::string_view inside(std::string_view value, char closing) {
   return value.substr(0, value.find(closing));
 }
 
+// Decodes a block of hexadecimal digits, of which a long argument has thousands, or returns false when
+// it has anything else. Written so that compilers make vector instructions of the loops.
+constexpr std::size_t kHexBlock = 16;
+bool decode_block(const char* digits, std::uint8_t* to) {
+  std::uint8_t values[2 * kHexBlock];
+  std::uint8_t others = 0;
+  for (std::size_t i = 0; i < 2 * kHexBlock; ++i) {
+    const auto c = static_cast<std::uint8_t>(digits[i]);
+    const auto decimal = static_cast<std::uint8_t>(c - '0');
+    const auto letter = static_cast<std::uint8_t>((c | 0x20) - 'a');
+    values[i] = static_cast<std::uint8_t>(decimal < 10 ? decimal : letter + 10);
+    others = static_cast<std::uint8_t>(others | (decimal >= 10 && letter >= 6));
+  }
+  if (others != 0) return false;
+  for (std::size_t i = 0; i < kHexBlock; ++i) {
+    to[i] = static_cast<std::uint8_t>(values[2 * i] << 4 | values[2 * i + 1]);
+  }
+  return true;
+}
+
 bool is_hexadecimal(std::string_view value) {
   return !value.starts_with('"') && !value.starts_with('(');
 }
@@ -144,15 +164,18 @@ std::uint64_t to_number(std::string_view value, int base) {
 }
 
 std::size_t decode_hex(std::string_view source, void* destination, std::size_t room) {
-  auto* to = static_cast<unsigned char*>(destination);
-  const char* at = source.data();
+  auto* const to = static_cast<std::uint8_t*>(destination);
+  const char* const from = source.data();
   const std::size_t most = std::min(source.size() / 2, room);
   std::size_t written = 0;
-  for (; written < most; ++written, at += 2) {
-    const unsigned high = digit_value(at[0]);
-    const unsigned low = digit_value(at[1]);
-    if (high >= 16 || low >= 16) break;
-    to[written] = static_cast<unsigned char>(high << 4 | low);
+  while (most - written >= kHexBlock && decode_block(from + 2 * written, to + written)) {
+    written += kHexBlock;
+  }
+  for (; written < most; ++written) {
+    const unsigned high = digit_value(from[2 * written]);
+    const unsigned low = digit_value(from[2 * written + 1]);
+    if ((high | low) > 0xF) break;
+    to[written] = static_cast<std::uint8_t>(high << 4 | low);
   }
   return written;
 }
