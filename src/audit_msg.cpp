@@ -15,6 +15,7 @@
 #include "execve_args.h"
 #include "log.h"
 #include "memory.h"
+#include "number_key.h"
 #include "record_scope.h"
 #include "record_text.h"
 
@@ -42,19 +43,6 @@ struct {
 
 // ---- Context table -----------------------------------------------------------------------------
 
-// The serial itself stands for the key.
-const void* key_of(std::uint32_t serial) {
-  return reinterpret_cast<const void*>(static_cast<std::uintptr_t>(serial));
-}
-
-std::uint32_t audit_ctx_hash(const void* key, std::size_t) {
-  return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(key));
-}
-
-int audit_ctx_compare(const void* key1, std::size_t, const void* key2, std::size_t) {
-  return key1 == key2 ? 0 : 1;
-}
-
 void free_audit_ctx(void* value) {
   auto* ctx = static_cast<audit_ctx*>(value);
   if (ctx == state.recent.ctx) state.recent = {};
@@ -76,7 +64,8 @@ bool is_of_recent(std::string_view text) {
 
 audit_ctx* search_ctx(std::uint32_t serial) {
   void* found = nullptr;
-  if (state.contexts == nullptr || xhash_search(state.contexts, key_of(serial), 0, &found) != 0)
+  if (state.contexts == nullptr ||
+      xhash_search(state.contexts, qel::number_key(serial), 0, &found) != 0)
     return nullptr;
   return static_cast<audit_ctx*>(found);
 }
@@ -108,7 +97,7 @@ audit_ctx* open_audit_ctx(std::uint32_t serial) {
     *ctx = {};
   } else {
     ctx = QEL_CHECKED(qel::new_zeroed<audit_ctx>());
-    xhash_insert(state.contexts, key_of(serial), 0, ctx);
+    xhash_insert(state.contexts, qel::number_key(serial), 0, ctx);
   }
   ctx->serial = serial;
   ctx->deadline = std::time(nullptr) + kContextLifetime_s;
@@ -292,7 +281,7 @@ int take_end_of_event(std::string_view text) {
   audit_ctx* ctx = find_audit_ctx(text);
   if (ctx == nullptr) return -1;
   handle_audit_event(ctx);
-  xhash_delete(state.contexts, key_of(ctx->serial), 0);
+  xhash_delete(state.contexts, qel::number_key(ctx->serial), 0);
   return 0;
 }
 
@@ -321,7 +310,7 @@ std::string_view text_of(const audit_reply& reply) {
 
 int audit_msg_init() {
   state.scan_place = xhash_cookie_create(kScanShare);
-  state.contexts = xhash_create2(free_audit_ctx, audit_ctx_hash, audit_ctx_compare, 1);
+  state.contexts = xhash_create2(free_audit_ctx, qel::hash_number, qel::compare_numbers, 1);
   return 0;
 }
 

@@ -13,6 +13,7 @@
 #include "audit_ops.h"
 #include "log.h"
 #include "memory.h"
+#include "number_key.h"
 #include "record_scope.h"
 
 namespace {
@@ -61,19 +62,6 @@ bool is_running() {
 
 // ---- Keys
 // -----------------------------------------------------------------------------------------
-
-// A number stands for the key of the tables by uid and by gid.
-const void* id_key(std::uint32_t id) {
-  return reinterpret_cast<const void*>(static_cast<std::uintptr_t>(id));
-}
-
-std::uint32_t hash_id(const void* key, std::size_t) {
-  return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(key));
-}
-
-int compare_ids(const void* a, std::size_t, const void* b, std::size_t) {
-  return a == b ? 0 : 1;
-}
 
 const char* name_of(const void* entry) {
   return static_cast<const passwd_entry*>(entry)->name;
@@ -139,14 +127,14 @@ void read_shadow() {
 void read_groups() {
   setgrent();
   while (const group* found = getgrent()) {
-    xhash_insert(state.groups, id_key(found->gr_gid), 0, copy_of(found->gr_name));
+    xhash_insert(state.groups, qel::number_key(found->gr_gid), 0, copy_of(found->gr_name));
   }
   endgrent();
 }
 
 void fill_hash_and_group(passwd_entry& entry) {
   const char* hash = find_text(state.shadows, entry.name, name_key_length(entry.name));
-  const char* group = find_text(state.groups, id_key(entry.gid), 0);
+  const char* group = find_text(state.groups, qel::number_key(entry.gid), 0);
   entry.hash = copy_of(hash != nullptr ? hash : kNoPassword);
   entry.group = group != nullptr ? copy_of(group) : copy_of_id(entry.gid);
 }
@@ -233,7 +221,7 @@ const char* rebuild_names(std::uint32_t uid) {
   setpwent();
   while (const passwd* entry = getpwent()) {
     char* name = copy_of(entry->pw_name);
-    xhash_insert(state.names, id_key(entry->pw_uid), 0, name);
+    xhash_insert(state.names, qel::number_key(entry->pw_uid), 0, name);
     if (entry->pw_uid == uid) answer = name;
   }
   endpwent();
@@ -249,9 +237,9 @@ int passwd_init() {
   }
   state.current.create_table(hash_name, compare_names);
   state.fresh.create_table(hash_name, compare_names);
-  state.groups = xhash_create2(std::free, hash_id, compare_ids, 1);
+  state.groups = xhash_create2(std::free, qel::hash_number, qel::compare_numbers, 1);
   state.shadows = xhash_create(std::free, 0);
-  state.names = xhash_create2(std::free, hash_id, compare_ids, 1);
+  state.names = xhash_create2(std::free, qel::hash_number, qel::compare_numbers, 1);
   take_snapshot(state.current);
   return 0;
 }
@@ -290,7 +278,7 @@ const char* get_uname_by_uid(std::uint32_t uid) {
   const Stamp now = {status.st_ino, status.st_size, status.st_mtim.tv_sec};
   const char* name;
   if (state.has_stamp && state.stamp == now) {
-    name = find_text(state.names, id_key(uid), 0);
+    name = find_text(state.names, qel::number_key(uid), 0);
   } else {
     state.has_stamp = true;
     state.stamp = now;

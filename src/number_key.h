@@ -1,0 +1,21 @@
+// Hash tables whose keys are numbers: the value itself, widened to a pointer, stands for the key.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qel {
+
+inline const void* number_key(std::uint32_t number) {
+  return reinterpret_cast<const void*>(static_cast<std::uintptr_t>(number));
+}
+
+inline std::uint32_t hash_number(const void* key, std::size_t) {
+  return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(key));
+}
+
+inline int compare_numbers(const void* a, std::size_t, const void* b, std::size_t) {
+  return a == b ? 0 : 1;
+}
+
+}  // namespace qel
