@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <iterator>
 
 #include "log.h"
 
@@ -133,13 +132,11 @@ int compare_port_keys(const void* a, std::size_t, const void* b, std::size_t) {
 
 // As inet_ntop(3) prints it, which takes ten times as long; this is done for a log line of every
 // bind.
-void print_ipv4(const char* address, char (&text)[INET6_ADDRSTRLEN]) {
-  char* at = text;
+void print_ipv4(const char* address, char* text) {
   for (int i = 0; i < 4; ++i) {
-    if (i > 0) *at++ = '.';
-    at = std::to_chars(at, std::end(text), static_cast<unsigned char>(address[i])).ptr;
+    text = std::to_chars(text, text + 3, static_cast<unsigned char>(address[i])).ptr;
+    *text++ = i < 3 ? '.' : '\0';
   }
-  *at = '\0';
 }
 
 // ---- Runners -----------------------------------------------------------------------------------

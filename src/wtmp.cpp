@@ -50,9 +50,13 @@ const wtmp_entry& entry_of(const void* key) {
   return *static_cast<const wtmp_entry*>(key);
 }
 
+// Process ids and times often rise together, and what they have in common would cancel out in a plain
+// XOR: one of the two is spread over all bits first, by an odd multiplier.
 std::uint32_t hash_login(const void* key, std::size_t) {
+  constexpr std::uint32_t kSpread = 0x85EBCA6B;
   const struct utmp& ut = entry_of(key).ut;
-  return static_cast<std::uint32_t>(ut.ut_pid) ^ static_cast<std::uint32_t>(ut.ut_tv.tv_sec);
+  return (static_cast<std::uint32_t>(ut.ut_pid) * kSpread) ^
+         static_cast<std::uint32_t>(ut.ut_tv.tv_sec);
 }
 
 int compare_logins(const void* a, std::size_t, const void* b, std::size_t) {
