@@ -33,8 +33,7 @@ namespace {
 constexpr double kMostOverWalk = 3;
 constexpr double kMostGrowth = 2.5;  // of the cost per entry, from the smallest size to the largest
 
-// ---- Databases
-// ------------------------------------------------------------------------------------
+// ---- Databases ---------------------------------------------------------------------------------
 
 // A directory for the databases, removed at the end.
 class Directory {
@@ -143,8 +142,7 @@ void write_log(std::int64_t count, Pace pace) {
              static_cast<std::streamsize>(bytes.size()));
 }
 
-// ---- Walks
-// ----------------------------------------------------------------------------------------
+// ---- Walks -------------------------------------------------------------------------------------
 
 void walk_accounts() {
   setpwent();
@@ -165,8 +163,7 @@ void walk_log() {
   endutent();
 }
 
-// ---- Measuring
-// ------------------------------------------------------------------------------------
+// ---- Measuring ---------------------------------------------------------------------------------
 
 // What a monitor offers to this program.
 struct Monitor {

@@ -10,7 +10,6 @@
 #include <qel_audit.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
 #include <iterator>
 #include <span>
@@ -33,49 +32,33 @@ enum Lie : std::uint8_t { kNoPayload = 0xf0, kNegativeLength, kLengthBeyondStora
 std::size_t events;
 volatile std::size_t touched;  // keeps what is read from being optimised away
 
-// ---- Callbacks that read all that an event points to -------------------------------------------
-
-template <typename Text>
-void touch(const Text& text) {
-  touched = touched + std::strlen(text);
-}
-
-void touch_process(const auto& event) {
+// A callback reads all texts that its event points to. Returns 0, as callbacks do.
+int touch(const auto&... texts) {
   ++events;
-  touch(event.user);
-  touch(event.process);
+  touched = (touched + ... + std::strlen(texts));
+  return 0;
 }
 
 int on_login(const qel_login_info* event, void*) {
-  touch_process(*event);
-  touch(event->username);
-  touch(event->logintype);
-  return 0;
+  return touch(event->user, event->process, event->username, event->logintype);
 }
 
 int on_user(const qel_user_info* event, void*) {
-  ++events;
-  touch(event->username);
-  touch(event->groupname);
-  return 0;
+  return touch(event->username, event->groupname);
 }
 
 int on_syscall(const qel_syscall_info* event, void*) {
-  touch_process(*event);
-  touch(event->syscall);
-  return 0;
+  return touch(event->user, event->process, event->syscall);
 }
 
 int on_execve(const qel_execve_info* event, void*) {
-  touch_process(*event);
-  for (int i = 0; i < event->argc; ++i) touch(event->argv[i]);
-  return 0;
+  for (int i = 0; i < event->argc; ++i) touched = touched + std::strlen(event->argv[i]);
+  return touch(event->user, event->process);
 }
 
 int on_bind(const qel_bind_info* event, void*) {
-  touch_process(*event);
   touched = touched + event->addr.ss_family;
-  return 0;
+  return touch(event->user, event->process);
 }
 
 bool start_library() {
@@ -84,17 +67,14 @@ bool start_library() {
                      .shadow = {{"root", "*"}, {"alice", "!"}},
                      .group = {{"root", 0}, {"alice", 1000}}};
   test::redirect("/var/log/wtmp", QEL_TEST_DATA_DIR "/recordings/login-real.wtmp");
-  const bool registered =
-      qel_login_reg_callback(nullptr, QEL_LOGIN_LOGIN | QEL_LOGIN_LOGOUT, on_login, nullptr) >= 0 &&
-      qel_user_reg_callback(nullptr, QEL_USER_ADDED | QEL_USER_PASSWORD, on_user, nullptr) >= 0 &&
-      qel_syscall_reg_callback("all", QEL_SYSCALL_ANY, on_syscall, nullptr) >= 0 &&
-      qel_execve_reg_callback(nullptr, on_execve, nullptr) >= 0 &&
-      qel_bind_reg_callback(0, on_bind, nullptr) >= 0;
-  if (!registered) throw std::runtime_error("a registration failed: " + test::log_text(2));
+  if (qel_login_reg_callback(nullptr, QEL_LOGIN_LOGIN | QEL_LOGIN_LOGOUT, on_login, nullptr) < 0 ||
+      qel_user_reg_callback(nullptr, QEL_USER_ADDED | QEL_USER_PASSWORD, on_user, nullptr) < 0 ||
+      qel_syscall_reg_callback("all", QEL_SYSCALL_ANY, on_syscall, nullptr) < 0 ||
+      qel_execve_reg_callback(nullptr, on_execve, nullptr) < 0 ||
+      qel_bind_reg_callback(0, on_bind, nullptr) < 0)
+    throw std::runtime_error("a registration failed: " + test::log_text(2));
   return true;
 }
-
-// ---- Replies -----------------------------------------------------------------------------------
 
 // The payload stands in a block of its own size, so that the address sanitizer sees every access
 // beyond the storage. A status reply is never shorter than its structure.
@@ -119,15 +99,14 @@ std::size_t events_seen() {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const bool started = start_library();
-  static_cast<void>(started);
+  [[maybe_unused]] static const bool started = start_library();
   for (std::span<const std::uint8_t> rest(data, size); rest.size() >= kHeadSize;) {
     const int type = kTypes[rest[0] % std::size(kTypes)];
     const std::uint8_t lie = rest[1];
     const std::size_t length = rest[2] + 256U * rest[3];
     rest = rest.subspan(kHeadSize);
-    const auto payload = rest.first(
-        std::min({length, rest.size(), static_cast<std::size_t>(MAX_AUDIT_MESSAGE_LENGTH)}));
+    const auto payload =
+        rest.first(std::min({length, rest.size(), std::size_t{MAX_AUDIT_MESSAGE_LENGTH}}));
     send(type, lie, payload);
     rest = rest.subspan(payload.size());
   }

@@ -12,7 +12,7 @@ import sys
 
 # In the order of the target's table.
 TYPES = [1300, 1309, 1302, 1306, 1320, 1000, 1006, 1307]
-EXECVE = 1309
+SYSCALL, EXECVE, EOE, STATUS = 1300, 1309, 1320, 1000
 MOST_BYTES = 2500
 MOST_BYTES_OF_LISTS = 9000  # split arguments and lists in several records are long by nature
 
@@ -25,8 +25,7 @@ SPLIT_LISTS = [
 
 
 def records(path):
-    opener = gzip.open if path.suffix == ".gz" else open
-    with opener(path, "rb") as lines:
+    with (gzip.open if path.suffix == ".gz" else open)(path, "rb") as lines:
         for line in lines:
             kind, _, payload = line.rstrip(b"\n").partition(b"\t")
             if payload.startswith(b"hex:"):
@@ -34,56 +33,45 @@ def records(path):
             yield int(kind), payload
 
 
-def groups(path):
-    """Records of one serial, in the order in which the groups ended."""
-    opened = {}
-    for kind, payload in records(path):
-        header = payload.partition(b"): ")[0]
-        if kind == 1300 and b'_rule"' in payload:
-            opened[header] = []
-        if kind in TYPES and header in opened:
-            opened[header].append((kind, payload))
-        if kind == 1320 and header in opened:
-            yield opened.pop(header)
-
-
 def encode(group):
     return b"".join(
         struct.pack("<BBH", TYPES.index(kind), 0, len(payload)) + payload for kind, payload in group)
 
 
-def chosen(path):
-    shapes = set()
-    for group in groups(path):
-        shape = tuple(kind for kind, _ in group)
-        most = MOST_BYTES_OF_LISTS if shape.count(EXECVE) > 1 else MOST_BYTES
-        if shape in shapes or len(encode(group)) > most:
-            continue
-        shapes.add(shape)
-        yield group
-
-
-def split_group(template, lists):
-    """The group `template` with other argument lists."""
-    header = template[0][1].partition(b"): ")[0] + b"): "
-    middle = [(EXECVE, header + fields.encode()) for fields in lists]
-    return [template[0], *middle, template[-1]]
+def groups(path):
+    """The first short group of every shape; a group is the records of one serial."""
+    opened, shapes = {}, set()
+    for kind, payload in records(path):
+        header = payload.partition(b"): ")[0]
+        if kind == SYSCALL and b'_rule"' in payload:
+            opened[header] = []
+        if kind in TYPES and header in opened:
+            opened[header].append((kind, payload))
+        if kind == EOE and header in opened:
+            group = opened.pop(header)
+            shape = tuple(kind for kind, _ in group)
+            most = MOST_BYTES_OF_LISTS if shape.count(EXECVE) > 1 else MOST_BYTES
+            if shape not in shapes and len(encode(group)) <= most:
+                shapes.add(shape)
+                yield group
 
 
 def main():
     recordings, seeds = map(pathlib.Path, sys.argv[1:])
     seeds.mkdir(parents=True, exist_ok=True)
-    template = next(chosen(recordings / "exec-simple.rec"))
+    simple = recordings / "exec-simple.rec"
+    first, *_, last = next(groups(simple))
+    header = first[1].partition(b"): ")[0] + b"): "
     for number, lists in enumerate(SPLIT_LISTS):
-        (seeds / f"split-{number}").write_bytes(encode(split_group(template, lists)))
-    status = [record for record in records(recordings / "exec-simple.rec") if record[0] == 1000]
-    (seeds / "status").write_bytes(encode(status[:1]))
+        middle = [(EXECVE, header + fields.encode()) for fields in lists]
+        (seeds / f"split-{number}").write_bytes(encode([first, *middle, last]))
+    status = next(record for record in records(simple) if record[0] == STATUS)
+    (seeds / "status").write_bytes(encode([status]))
     for path in sorted(recordings.glob("*.rec*")):
         if path.name.startswith("mixed"):
             continue  # nothing that the others do not have
-        name = path.name.split(".")[0]
-        for number, group in enumerate(chosen(path)):
-            (seeds / f"{name}-{number}").write_bytes(encode(group))
+        for number, group in enumerate(groups(path)):
+            (seeds / f"{path.name.split('.')[0]}-{number}").write_bytes(encode(group))
 
 
 if __name__ == "__main__":

@@ -214,8 +214,7 @@ TEST_F(AccountEvents, AreAllToldWhenACallbackStopsTheLibrary) {
   EXPECT_EQ(events().size(), 2U);
 }
 
-// ---- Watches
-// --------------------------------------------------------------------------------------
+// ---- Watches -----------------------------------------------------------------------------------
 
 std::vector<std::string> watches() {
   std::vector<std::string> texts;

@@ -32,8 +32,7 @@ const std::filesystem::path kDirectory = QEL_TEST_DATA_DIR "/recordings";
 const std::map<std::string, std::string> kUsers = {
     {"0", "root"}, {"1000", "alice"}, {"1001", "bob"}};
 
-// ---- Expectations
-// ---------------------------------------------------------------------------------
+// ---- Expectations ------------------------------------------------------------------------------
 
 // A list of expected events, as its notation is described next to the recordings.
 struct Expected {
@@ -105,8 +104,7 @@ std::string lines_of(const Texts& lines) {
   return text;
 }
 
-// ---- A plain reading of the records
-// -----------------------------------------------------------------
+// ---- A plain reading of the records ------------------------------------------------------------
 
 using Fields = std::map<std::string, std::string>;
 
@@ -261,8 +259,7 @@ std::vector<EventLine> read_plainly(const std::vector<test::RecordedMessage>& re
   return lines;
 }
 
-// ---- The library
-// -----------------------------------------------------------------------------------
+// ---- The library -------------------------------------------------------------------------------
 
 // Nobody logs in and no account changes meanwhile: callbacks for that must not be called.
 class Recordings : public testing::TestWithParam<std::string> {

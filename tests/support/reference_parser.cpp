@@ -6,7 +6,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <stdexcept>
+#include <iterator>
+#include <sstream>
+#include <utility>
 
 namespace test {
 namespace {
@@ -15,14 +17,6 @@ constexpr const char* kRuleNames[] = {"passwd_rule",    "shadow_rule",   "wtmp_r
                                       "lastlogin_rule", "execve_rule",   "bind_rule",
                                       "syscall_rule",   "fakelogin_rule"};
 constexpr int kExecveRuleType = 4;
-
-// The text of a value that begins at `from`; `behind` becomes the place of the space behind it, or
-// of the terminator.
-std::string value_at(const char* from, const char*& behind) {
-  const char* space = std::strchr(from, ' ');
-  behind = space != nullptr ? space : from + std::strlen(from);
-  return {from, behind};
-}
 
 std::size_t decode_hex(const char* source, std::uint8_t* destination, std::size_t room) {
   const std::size_t digits = std::min(std::strspn(source, "0123456789ABCDEFabcdef"), 2 * room);
@@ -34,17 +28,51 @@ std::size_t decode_hex(const char* source, std::uint8_t* destination, std::size_
 }
 
 std::string decode(const std::string& value) {
-  const char opening = value.c_str()[0];
-  if (opening == '"' || opening == '(') {
-    const std::size_t closing = value.find(opening == '"' ? '"' : ')', 1);
-    return value.substr(1, closing == value.npos ? value.npos : closing - 1);
-  }
+  if (value.starts_with('"') || value.starts_with('('))
+    return value.substr(1, value.find(value[0] == '"' ? '"' : ')', 1) - 1);
   std::vector<std::uint8_t> bytes(value.size() / 2 + 1);
-  bytes[decode_hex(value.c_str(), bytes.data(), value.size() / 2)] = 0;
+  decode_hex(value.c_str(), bytes.data(), value.size() / 2);
   return reinterpret_cast<const char*>(bytes.data());
 }
 
-bool parse_serial(const char* text, std::uint32_t& serial) {
+// Steps through the fields of a record, each of which is looked for behind the one before.
+struct Fields {
+  const char* at;
+
+  std::optional<std::string> next(const std::string& name) {
+    return value(std::strstr(at, name.c_str()), name.size());
+  }
+
+  // The first "key=" that does not lie in the value of "exe=".
+  std::optional<std::string> next_key() {
+    const char* key = std::strstr(at, "key=");
+    const char* exe = std::strstr(at, "exe=");
+    if (key == nullptr || exe == nullptr || key < exe) return value(key, std::strlen("key="));
+    value(exe, std::strlen("exe="));
+    return next_key();
+  }
+
+  std::optional<std::string> value(const char* field, std::size_t name_length) {
+    if (field == nullptr) return std::nullopt;
+    const char* from = field + name_length;
+    at = from + std::strcspn(from, " ");
+    return std::string(from, at);
+  }
+
+  template <typename Number>
+  bool number(const std::string& name, int base, Number& result) {
+    const auto text = next(name);
+    if (text) result = static_cast<Number>(std::strtoull(text->c_str(), nullptr, base));
+    return text.has_value();
+  }
+
+  void skip_word() {
+    at += std::strcspn(at, " ");
+    if (*at != '\0') ++at;
+  }
+};
+
+bool read_serial(const char* text, std::uint32_t& serial) {
   const char* stamp = std::strstr(text, "audit(");
   if (stamp == nullptr) return false;
   stamp += std::strlen("audit(");
@@ -52,252 +80,120 @@ bool parse_serial(const char* text, std::uint32_t& serial) {
   return std::sscanf(cut.c_str(), "%*u.%*u:%u", &serial) == 1;
 }
 
-// The first "key=" that does not lie in the value of "exe=".
-const char* find_key(const char* from) {
-  for (;;) {
-    const char* key = std::strstr(from, "key=");
-    const char* exe = std::strstr(from, "exe=");
-    if (key == nullptr || exe == nullptr || key < exe) return key;
-    value_at(exe + std::strlen("exe="), from);
-  }
-}
-
-// Steps through the fields of a record in a fixed order.
-struct Fields {
-  const char* at;
-
-  std::optional<std::string> next(const char* name) {
-    const bool is_key = std::strcmp(name, "key=") == 0;
-    const char* field = is_key ? find_key(at) : std::strstr(at, name);
-    if (field == nullptr) return std::nullopt;
-    return value_at(field + std::strlen(name), at);
-  }
-
-  bool number(const char* name, int base, std::uint64_t& result) {
-    const auto value = next(name);
-    if (value) result = std::strtoull(value->c_str(), nullptr, base);
-    return value.has_value();
-  }
-
-  bool number(const char* name, int base, std::uint32_t& result) {
-    std::uint64_t wide = result;
-    const bool found = number(name, base, wide);
-    result = static_cast<std::uint32_t>(wide);
-    return found;
-  }
-};
-
-bool parse_syscall(const char* text, Context& record) {
+bool read_syscall(const char* text, Context& record) {
   Fields fields{text};
   if (!fields.number("arch=", 16, record.arch)) return false;
   if (!fields.number("syscall=", 10, record.syscall)) return false;
-  const auto success = fields.next("success=");
-  record.success = !success || *success == "yes" ? 1 : 0;
-  std::uint64_t exit = 0;
-  fields.number("exit=", 0, exit);
-  record.exit = static_cast<std::int32_t>(exit);
-  if (!fields.number("a0=", 16, record.args[0])) return false;
-  if (!fields.number("a1=", 16, record.args[1])) return false;
-  if (!fields.number("a2=", 16, record.args[2])) return false;
-  if (!fields.number("a3=", 16, record.args[3])) return false;
+  record.success = fields.next("success=").value_or("yes") == "yes" ? 1 : 0;
+  fields.number("exit=", 0, record.exit);
+  for (const int i : {0, 1, 2, 3})
+    if (!fields.number("a" + std::to_string(i) + "=", 16, record.args[i])) return false;
   if (!fields.number(" ppid=", 10, record.ppid)) return false;
   if (!fields.number(" pid=", 10, record.pid)) return false;
   if (!fields.number(" uid=", 10, record.uid)) return false;
   if (!fields.number(" gid=", 10, record.gid)) return false;
-  record.comm = fields.next("comm=");
-  if (!record.comm) return false;
-  record.key = fields.next("key=");
-  if (!record.key) return false;
-  record.comm = decode(*record.comm);
-  record.key = decode(*record.key);
+  const auto comm = fields.next("comm=");
+  const auto key = comm ? fields.next_key() : std::nullopt;
+  if (!key) return false;
+  record.comm_text = decode(*comm);
+  record.key_text = decode(*key);
   return true;
 }
 
-std::string format_name(const char* format, int first, int second = 0) {
-  char name[64];
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  std::snprintf(name, sizeof(name), format, first, second);
-#pragma GCC diagnostic pop
-  return name;
-}
-
-const char* skip_word(const char* at) {
-  const char* space = std::strchr(at, ' ');
-  return space != nullptr ? space + 1 : at + std::strlen(at);
-}
-
-// A bounded copy: stores at most room - 1 characters and a terminator, returns the characters
-// stored.
-std::int32_t copy_bounded(std::string& buffer, std::int32_t offset, std::int32_t room,
-                          const std::string& text) {
-  if (offset < 0 || room < 1 || static_cast<std::size_t>(offset + room) > buffer.size())
-    throw std::logic_error("a copy beyond the buffer");
-  const int length =
-      std::snprintf(buffer.data() + offset, static_cast<std::size_t>(room), "%s", text.c_str());
-  return std::min(length, room - 1);
-}
-
-void fill_slot(Context& ctx, const std::string& text) {
-  ctx.argv[static_cast<std::size_t>(ctx.arg_index++)] = text;
-}
-
-void add_first_piece(Context& ctx, std::string& buffer, const std::string& piece) {
-  buffer.assign(static_cast<std::size_t>(ctx.arg_left) + 3, '\0');
-  if (piece.starts_with('"')) {
-    const std::int32_t n = copy_bounded(buffer, 0, ctx.arg_left + 3, piece);
-    ctx.arg_left -= n - 2;
-    ctx.arg_offset += n - 1;
-  } else {
-    const std::int32_t n = copy_bounded(buffer, 0, ctx.arg_left + 1, piece);
-    ctx.arg_left -= n;
-    ctx.arg_offset += n;
-  }
-}
-
-void add_later_piece(Context& ctx, std::string& buffer, const std::string& piece) {
-  if (piece.starts_with('"')) {
-    const std::int32_t n = copy_bounded(buffer, ctx.arg_offset, ctx.arg_left + 2, piece.substr(1));
-    if (n == 0) return;
-    ctx.arg_left -= n - 1;
-    ctx.arg_offset += n - 1;
-  } else {
-    const std::int32_t n = copy_bounded(buffer, ctx.arg_offset, ctx.arg_left + 1, piece);
-    ctx.arg_left -= n;
-    ctx.arg_offset += n;
-  }
-}
-
-// Each of the following returns where scanning goes on.
-
-const char* take_piece(Context& ctx, const char* at) {
-  const std::string name = format_name("a%d[%d]=", ctx.arg_index, ctx.arg_parts);
-  const char* field = std::strstr(at, name.c_str());
-  if (field == nullptr) return skip_word(at);
-  const std::string piece = value_at(field + name.size(), at);
-  auto& slot = ctx.argv[static_cast<std::size_t>(ctx.arg_index)];
-  if (ctx.arg_parts == 0) {
-    add_first_piece(ctx, slot.emplace(), piece);
-  } else {
-    add_later_piece(ctx, slot.value(), piece);
-  }
-  ++ctx.arg_parts;
-  if (ctx.arg_left <= 0)
-    fill_slot(ctx, decode(slot->substr(0, static_cast<std::size_t>(ctx.arg_offset))));
-  return at;
-}
-
-void abandon_split(Context& ctx) {
-  auto& slot = ctx.argv[static_cast<std::size_t>(ctx.arg_index)];
-  if (ctx.arg_parts == 0) slot = "";
-  ctx.arg_left = 0;
+// The slot keeps what is written of a split argument, with the opening quote.
+void add_piece(Context& ctx, std::string piece) {
+  std::optional<std::string>& slot = ctx.arguments[static_cast<std::size_t>(ctx.arg_index)];
+  const bool first = ctx.arg_parts++ == 0;
+  const bool quoted = piece.starts_with('"');
+  if (first) slot = "";
+  if (quoted && !first) piece.erase(0, 1);
+  const int quotes = quoted ? 1 + first : 0;
+  const int length = std::min(static_cast<int>(piece.size()), ctx.arg_left + quotes);
+  slot->resize(static_cast<std::size_t>(ctx.arg_offset));
+  slot->append(piece, 0, static_cast<std::size_t>(length));
+  if (quoted && length == 0) return;
+  ctx.arg_left -= length - quotes;
+  ctx.arg_offset += length - quoted;
+  if (ctx.arg_left > 0) return;
+  slot = decode(slot->substr(0, static_cast<std::size_t>(ctx.arg_offset)));
   ++ctx.arg_index;
 }
 
-const char* take_argument(Context& ctx, const char* at) {
-  const std::string name = format_name("a%d=", ctx.arg_index);
-  const char* field = std::strstr(at, name.c_str());
-  if (field == nullptr) {
-    fill_slot(ctx, "");
-    return at;
-  }
-  fill_slot(ctx, decode(value_at(field + name.size(), at)));
-  return at;
+std::string show(const std::optional<std::string>& text) {
+  return text ? " '" + *text + "'" : " null";
 }
 
-// Null when the announced length is refused.
-const char* take_announcement(Context& ctx, const char* at) {
-  const std::string name = format_name("a%d_len=", ctx.arg_index);
-  const char* field = std::strstr(at, name.c_str());
-  if (field == nullptr) {
-    fill_slot(ctx, "");
-    return at;
-  }
-  const std::string length = value_at(field + name.size(), at);
-  ctx.arg_left = static_cast<std::int32_t>(std::strtoul(length.c_str(), nullptr, 10));
-  ctx.arg_parts = 0;
-  ctx.arg_offset = 0;
-  if (ctx.arg_left <= 0) return nullptr;
-  ctx.arg_left = std::min(ctx.arg_left, 32768);
-  return at;
-}
-
-std::optional<std::string> text_or_null(const char* text) {
-  return text != nullptr ? std::optional<std::string>(text) : std::nullopt;
-}
-
-std::string shown(const std::optional<std::string>& text) {
-  return text ? "'" + *text + "'" : "null";
+std::optional<std::string> take_text(char*& text) {
+  const char* from = std::exchange(text, nullptr);
+  return from != nullptr ? std::optional<std::string>(from) : std::nullopt;
 }
 
 }  // namespace
 
 Context snapshot(const audit_ctx& ctx) {
-  Context copy = {.deadline = ctx.deadline,
-                  .msgtype = ctx.msgtype,
-                  .ruletype = ctx.ruletype,
-                  .serial = ctx.serial,
-                  .arch = ctx.arch,
-                  .syscall = ctx.syscall,
-                  .success = ctx.success,
-                  .exit = ctx.exit,
-                  .args = {},
-                  .ppid = ctx.ppid,
-                  .pid = ctx.pid,
-                  .uid = ctx.uid,
-                  .gid = ctx.gid,
-                  .sockaddr = {},
-                  .path = text_or_null(ctx.path),
-                  .key = text_or_null(ctx.key),
-                  .comm = text_or_null(ctx.comm),
-                  .arg_index = ctx.arg_index,
-                  .arg_left = ctx.arg_left,
-                  .arg_offset = ctx.arg_offset,
-                  .arg_parts = ctx.arg_parts,
-                  .argc = ctx.argc,
-                  .argv = {}};
-  std::copy_n(ctx.args, copy.args.size(), copy.args.begin());
-  std::copy_n(ctx.sockaddr, copy.sockaddr.size(), copy.sockaddr.begin());
-  if (ctx.argv != nullptr) {
-    std::transform(ctx.argv, ctx.argv + ctx.argc, std::back_inserter(copy.argv), text_or_null);
+  Context copy = {};
+  static_cast<audit_ctx&>(copy) = ctx;
+  copy.path_text = take_text(copy.path);
+  copy.key_text = take_text(copy.key);
+  copy.comm_text = take_text(copy.comm);
+  copy.argv = nullptr;
+  for (int i = 0; ctx.argv != nullptr && i < ctx.argc; ++i) {
+    char* argument = ctx.argv[i];
+    copy.arguments.push_back(take_text(argument));
   }
   return copy;
 }
 
-std::string describe(const Context& context) {
-  char numbers[512];
-  std::snprintf(numbers, sizeof(numbers),
-                "deadline %lld msgtype %u ruletype %d serial %u arch %x syscall %u success %d "
-                "exit %d args %llx %llx %llx %llx ppid %u pid %u uid %u gid %u\narg_index %d "
-                "arg_left %d arg_offset %d arg_parts %d argc %d\n",
-                static_cast<long long>(context.deadline), context.msgtype, context.ruletype,
-                context.serial, context.arch, context.syscall, context.success, context.exit,
-                static_cast<unsigned long long>(context.args[0]),
-                static_cast<unsigned long long>(context.args[1]),
-                static_cast<unsigned long long>(context.args[2]),
-                static_cast<unsigned long long>(context.args[3]), context.ppid, context.pid,
-                context.uid, context.gid, context.arg_index, context.arg_left, context.arg_offset,
-                context.arg_parts, context.argc);
-  std::string text = numbers;
-  text += "path " + shown(context.path) + " key " + shown(context.key) + " comm " +
-          shown(context.comm) + "\nsockaddr ";
-  for (const std::uint8_t byte : context.sockaddr) text += format_name("%02x", byte);
-  for (std::size_t i = 0; i < context.argv.size(); ++i)
-    text += "\nargv " + std::to_string(i) + " " + shown(context.argv[i]);
+std::string describe(const Context& ctx) {
+  std::ostringstream out;
+  out << "deadline " << ctx.deadline << " msgtype " << ctx.msgtype << " ruletype " << ctx.ruletype
+      << " serial " << ctx.serial << " arch " << ctx.arch << " syscall " << ctx.syscall
+      << " success " << ctx.success << " exit " << ctx.exit << " args";
+  for (const auto number : ctx.args) out << " " << number;
+  out << " ppid " << ctx.ppid << " pid " << ctx.pid << " uid " << ctx.uid << " gid " << ctx.gid
+      << "\npath" << show(ctx.path_text) << " key" << show(ctx.key_text) << " comm"
+      << show(ctx.comm_text) << "\nargc " << ctx.argc << " arg_index " << ctx.arg_index
+      << " arg_left " << ctx.arg_left << " arg_offset " << ctx.arg_offset << " arg_parts "
+      << ctx.arg_parts;
+  for (const auto& argument : ctx.arguments) out << show(argument);
+  out << "\nsockaddr";
+  for (const int byte : ctx.sockaddr) out << " " << byte;
+  out << "\n";
+  return out.str();
+}
+
+std::string describe(const std::vector<LogLine>& lines) {
+  std::string text;
+  for (const LogLine& line : lines)
+    text += std::to_string(line.level) + " " + line.source + ": " + line.message;
   return text;
 }
 
-int ReferenceIntake::handle(int type, std::string_view payload, std::int64_t now_s) {
-  if (type == AUDIT_GET) return report_status(payload);
-  const std::string copy(payload);
-  const char* text = copy.c_str();
+int feed_library(int type, std::string_view payload) {
+  std::vector<char> block(payload.begin(), payload.end());
+  audit_reply reply = {};
+  reply.type = type;
+  reply.len = static_cast<int>(block.size());
+  char nothing = '\0';
+  reply.message = block.empty() ? &nothing : block.data();
+  return handle_audit_msg(&reply);
+}
+
+int ReferenceIntake::handle(int type, std::string_view record, std::int64_t now_s) {
   if (type == AUDIT_LOGIN) return report(QEL_LOG_ERROR, "parse_login failed\n");
+  const std::string copy(record);
+  const char* text = copy.c_str();
   if (type == AUDIT_SYSCALL) return open_context(text, now_s);
-  if (type == AUDIT_PATH) return parse_path(text);
-  if (type == AUDIT_SOCKADDR) return parse_sockaddr(text);
-  if (type == AUDIT_EXECVE) return parse_execve(text);
-  if (type == AUDIT_EOE) return end_context(text);
-  return -1;
+  if (type != AUDIT_PATH && type != AUDIT_SOCKADDR && type != AUDIT_EXECVE && type != AUDIT_EOE)
+    return -1;
+  Context* ctx = find_context(text);
+  if (ctx == nullptr) return -1;
+  if (type == AUDIT_PATH) return add_path(*ctx, text);
+  if (type == AUDIT_SOCKADDR) return add_address(*ctx, text);
+  if (type == AUDIT_EXECVE) return add_arguments(*ctx, text);
+  finished.push_back(*ctx);
+  contexts_.erase(ctx->serial);
+  return 0;
 }
 
 void ReferenceIntake::scan(std::int64_t now_s) {
@@ -316,24 +212,9 @@ int ReferenceIntake::report(int level, const std::string& message) {
   return -1;
 }
 
-int ReferenceIntake::report_status(std::string_view payload) {
-  audit_status status = {};
-  payload.copy(reinterpret_cast<char*>(&status), sizeof(status));
-  char line[256];
-  std::snprintf(line, sizeof(line),
-                "AUDIT_STATUS: enabled=%d flag=%d pid=%d rate_limit=%d backlog_limit=%d lost=%d "
-                "backlog=%u\n",
-                static_cast<int>(status.enabled), static_cast<int>(status.failure),
-                static_cast<int>(status.pid), static_cast<int>(status.rate_limit),
-                static_cast<int>(status.backlog_limit), static_cast<int>(status.lost),
-                status.backlog);
-  report(QEL_LOG_NOTICE, line);
-  return 0;
-}
-
 Context* ReferenceIntake::find_context(const char* text) {
   std::uint32_t serial = 0;
-  if (!parse_serial(text, serial)) {
+  if (!read_serial(text, serial)) {
     report(QEL_LOG_ERROR, "parse_serial failed\n");
     return nullptr;
   }
@@ -344,90 +225,84 @@ Context* ReferenceIntake::find_context(const char* text) {
 }
 
 int ReferenceIntake::open_context(const char* text, std::int64_t now_s) {
-  Context record;
+  Context record = {};
   record.msgtype = AUDIT_SYSCALL;
-  if (!parse_serial(text, record.serial)) return -1;
-  if (!parse_syscall(text, record)) return report(QEL_LOG_ERROR, "parse_syscall failed\n");
-  const auto* const name = std::find(std::begin(kRuleNames), std::end(kRuleNames), *record.key);
-  if (name == std::end(kRuleNames))
-    return report(QEL_LOG_ERROR, "get_audit_type failed: " + *record.key + "\n");
-  record.ruletype = static_cast<std::int32_t>(name - kRuleNames);
   record.deadline = now_s + 10;
+  if (!read_serial(text, record.serial)) return -1;
+  if (!read_syscall(text, record)) return report(QEL_LOG_ERROR, "parse_syscall failed\n");
+  const auto* const name =
+      std::find(std::begin(kRuleNames), std::end(kRuleNames), *record.key_text);
+  if (name == std::end(kRuleNames))
+    return report(QEL_LOG_ERROR, "get_audit_type failed: " + *record.key_text + "\n");
+  record.ruletype = static_cast<std::int32_t>(name - kRuleNames);
   contexts_[record.serial] = record;
   return 0;
 }
 
-int ReferenceIntake::parse_path(const char* text) {
-  Context* ctx = find_context(text);
-  if (ctx == nullptr) return -1;
-  if (ctx->ruletype != kExecveRuleType || ctx->argc != 0 || ctx->path) return -1;
+int ReferenceIntake::add_path(Context& ctx, const char* text) {
+  if (ctx.ruletype != kExecveRuleType || ctx.argc != 0 || ctx.path_text) return -1;
   const auto name = Fields{text}.next("name=");
   if (!name) return report(QEL_LOG_ERROR, "parse_path failed\n");
-  ctx->path = decode(*name);
+  ctx.path_text = decode(*name);
   return 0;
 }
 
-int ReferenceIntake::parse_sockaddr(const char* text) {
-  Context* ctx = find_context(text);
-  if (ctx == nullptr) return -1;
+int ReferenceIntake::add_address(Context& ctx, const char* text) {
   const auto address = Fields{text}.next("saddr=");
   if (!address) return report(QEL_LOG_ERROR, "parse_sockaddr failed\n");
-  const std::size_t length =
-      decode_hex(address->c_str(), ctx->sockaddr.data(), ctx->sockaddr.size());
+  const std::size_t length = decode_hex(address->c_str(), ctx.sockaddr, sizeof(ctx.sockaddr));
   std::uint16_t family = 0;
-  std::memcpy(&family, ctx->sockaddr.data(), sizeof(family));
+  std::memcpy(&family, ctx.sockaddr, sizeof(family));
   const std::map<unsigned, std::size_t> lengths = {{1, 110}, {2, 16},  {5, 16}, {9, 18},
                                                    {10, 28}, {16, 12}, {17, 20}};
   const auto known = lengths.find(family);
   if (known != lengths.end() ? length == known->second : length > 3) return 0;
   report(QEL_LOG_ERROR, "check_sockaddr failed\n");
-  ctx->sockaddr.fill(0);
+  std::memset(ctx.sockaddr, 0, sizeof(ctx.sockaddr));
   return report(QEL_LOG_ERROR, "parse_sockaddr failed\n");
 }
 
-int ReferenceIntake::parse_execve(const char* text) {
-  Context* ctx = find_context(text);
-  if (ctx == nullptr) return -1;
-  const char* at = text;
-  if (ctx->argc == 0) {
-    const char* field = std::strstr(text, "argc=");
-    if (field == nullptr) return report(QEL_LOG_ERROR, "parse_execve failed\n");
-    const std::string count = value_at(field + std::strlen("argc="), at);
-    ctx->argc = static_cast<std::int32_t>(std::strtoul(count.c_str(), nullptr, 10));
-    if (ctx->argc <= 0) return report(QEL_LOG_ERROR, "parse_execve failed\n");
-    ctx->argc = std::min(ctx->argc, 40000);
-    ctx->arg_index = 0;
-    ctx->argv.assign(static_cast<std::size_t>(ctx->argc), std::nullopt);
+int ReferenceIntake::add_arguments(Context& ctx, const char* text) {
+  Fields fields{text};
+  if (ctx.argc == 0) {
+    if (!fields.number("argc=", 10, ctx.argc) || ctx.argc <= 0)
+      return report(QEL_LOG_ERROR, "parse_execve failed\n");
+    ctx.argc = std::min(ctx.argc, 40000);
+    ctx.arguments.resize(static_cast<std::size_t>(ctx.argc));
   }
-  while (ctx->arg_index < ctx->argc && *at != '\0') {
+  while (ctx.arg_index < ctx.argc && *fields.at != '\0') {
+    std::optional<std::string>& slot = ctx.arguments[static_cast<std::size_t>(ctx.arg_index)];
+    const std::string name = "a" + std::to_string(ctx.arg_index);
     int number = 0;
-    char separator[2];
-    if (std::sscanf(at, "a%d%1[_=[]", &number, separator) != 2) {
-      at = skip_word(at);
-    } else if (ctx->arg_left > 0 && separator[0] == '[') {
-      at = take_piece(*ctx, at);
-    } else if (ctx->arg_left > 0) {
-      abandon_split(*ctx);
-    } else if (separator[0] == '=') {
-      at = take_argument(*ctx, at);
-    } else if (separator[0] == '[') {
-      at = skip_word(at);
+    char mark[2];
+    if (std::sscanf(fields.at, "a%d%1[_=[]", &number, mark) != 2) {
+      fields.skip_word();
+    } else if (mark[0] == '[') {
+      const auto piece = ctx.arg_left > 0
+                             ? fields.next(name + "[" + std::to_string(ctx.arg_parts) + "]=")
+                             : std::nullopt;
+      if (piece) {
+        add_piece(ctx, *piece);
+      } else {
+        fields.skip_word();
+      }
+    } else if (ctx.arg_left > 0) {  // another argument: the split one stays as it was written
+      slot = slot.value_or("");
+      ctx.arg_left = 0;
+      ++ctx.arg_index;
+    } else if (mark[0] == '=') {
+      slot = decode(fields.next(name + "=").value_or(""));
+      ++ctx.arg_index;
+    } else if (fields.number(name + "_len=", 10, ctx.arg_left)) {
+      ctx.arg_parts = 0;
+      ctx.arg_offset = 0;
+      if (ctx.arg_left <= 0) return report(QEL_LOG_ERROR, "parse_execve failed\n");
+      ctx.arg_left = std::min(ctx.arg_left, 32768);
     } else {
-      at = take_announcement(*ctx, at);
-      if (at == nullptr) return report(QEL_LOG_ERROR, "parse_execve failed\n");
+      slot = "";
+      ++ctx.arg_index;
     }
   }
-  return 0;
-}
-
-int ReferenceIntake::end_context(const char* text) {
-  Context* ctx = find_context(text);
-  if (ctx == nullptr) return -1;
-  for (auto& argument : ctx->argv) {
-    if (argument) argument = argument->c_str();
-  }
-  finished.push_back(*ctx);
-  contexts_.erase(ctx->serial);
   return 0;
 }
 

@@ -141,6 +141,14 @@ TEST_F(LateWrite, TakesALastLookWhenTheTimeIsOver) {
   look_for(10ms);
   EXPECT_EQ(handled.size(), 1U);
 
+  // Not later when the looks do not meet that time.
+  handled.clear();
+  remember(kWtmpRule);
+  look_for(9940ms, 70ms);
+  write(2);
+  look_for(70ms, 70ms);
+  EXPECT_EQ(handled.size(), 1U);
+
   // Also when the loop was held up meanwhile.
   remember(kWtmpRule);
   offline::advance_clock(60s);
@@ -275,8 +283,7 @@ TEST_F(LateWrite, StillSkipsWhatTheAccountToolsDoOnTheWay) {
   passwd_fini();
 }
 
-// ---- The poller
-// -----------------------------------------------------------------------------------
+// ---- The poller --------------------------------------------------------------------------------
 
 class LateWritePoller : public LateWrite {
  protected:

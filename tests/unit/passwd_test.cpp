@@ -215,8 +215,7 @@ TEST_F(PasswdTest, TakesADatabaseThatCannotBeReadAsEmpty) {
   EXPECT_EQ(test::log_text(QEL_LOG_ERROR), "");
 }
 
-// ---- An emitter that wants no more
-// ----------------------------------------------------------------
+// ---- An emitter that wants no more -------------------------------------------------------------
 
 TEST_F(PasswdTest, OffersNothingBehindARefusedDeletionUntilTheNextComparison) {
   databases.passwd = {{"root", 0, 50}, {"dana", 2001, 50}};
@@ -251,8 +250,7 @@ TEST_F(PasswdTest, ANullEmitterLeavesNothingBehind) {
   EXPECT_EQ(compare(), Texts{});
 }
 
-// ---- Duplicates
-// -----------------------------------------------------------------------------------
+// ---- Duplicates --------------------------------------------------------------------------------
 
 TEST_F(PasswdTest, TheLaterOfTwoEntriesCounts) {
   databases.shadow.push_back({"alice", "$6$late"});
@@ -273,8 +271,7 @@ TEST_F(PasswdTest, AnAccountWithTwoEntriesComesAndGoesOnce) {
   EXPECT_EQ(compare(), Texts{"dana users 2"});
 }
 
-// ---- Start and stop
-// -------------------------------------------------------------------------------
+// ---- Start and stop ----------------------------------------------------------------------------
 
 TEST_F(PasswdTest, SaysWhenItIsStartedOrStoppedTwice) {
   alice().gid = 50;
@@ -296,8 +293,7 @@ TEST_F(PasswdTest, SaysWhenItIsStartedOrStoppedTwice) {
   EXPECT_EQ(compare(), Texts{});
 }
 
-// ---- Which contexts lead to a comparison
-// ----------------------------------------------------------
+// ---- Which contexts lead to a comparison -------------------------------------------------------
 
 struct Gate {
   const char* comm;
@@ -343,8 +339,7 @@ INSTANTIATE_TEST_SUITE_P(All, PasswdGate, testing::ValuesIn(kGates), [](const au
          (test.param.ruletype == kShadowRule ? "_shadow" : "_passwd");
 });
 
-// ---- Names by uid
-// ---------------------------------------------------------------------------------
+// ---- Names by uid ------------------------------------------------------------------------------
 
 // /etc/passwd's place is taken by a file of 16 bytes; the names come from the database.
 class UserNames : public PasswdTest {

@@ -98,8 +98,7 @@ std::string errors() {
   return test::log_text(QEL_LOG_ERROR);
 }
 
-// ---- Matching logins with their ends
-// ----------------------------------------------------------------
+// ---- Matching logins with their ends -----------------------------------------------------------
 
 struct Log {
   const char* name;
@@ -290,8 +289,7 @@ TEST_F(WtmpTest, AgreesWithAPlainReadingOfRandomLogs) {
   }
 }
 
-// ---- Files
-// ----------------------------------------------------------------------------------------
+// ---- Files -------------------------------------------------------------------------------------
 
 TEST_F(WtmpTest, ReadsOnlyWholeRecords) {
   start();
@@ -372,8 +370,7 @@ TEST_F(WtmpTest, ReportsTheLoginsOfAFreshFileAfterATruncation) {
   EXPECT_EQ(compare(), Texts{"alice tty1 100-0 in"});
 }
 
-// ---- Comparison
-// -----------------------------------------------------------------------------------
+// ---- Comparison --------------------------------------------------------------------------------
 
 TEST_F(WtmpTest, ReportsAnEndThatCameSinceAndOnlyTracesOneThatMoved) {
   start({login_record(1, "tty1", "alice", 1000), login_record(2, "tty2", "bob", 1100)});
@@ -432,8 +429,7 @@ TEST_F(WtmpTest, LoginsWithTheSamePidAndSecondCountAsOne) {
   EXPECT_EQ(errors(), "");  // 1 of 2 is missing, not 2 of 3
 }
 
-// ---- Start, stop and refused paths
-// ----------------------------------------------------------------
+// ---- Start, stop and refused paths -------------------------------------------------------------
 
 TEST_F(WtmpTest, SaysWhenItIsStartedOrStoppedTwice) {
   start();

@@ -1,0 +1,139 @@
+// The lines that qel-watch makes of events, where a replay does not get to: logins, accounts, and
+// addresses and texts at their limits.
+#include <arpa/inet.h>
+#include <event_line.h>
+#include <gtest/gtest.h>
+#include <linux/if_packet.h>
+#include <linux/netlink.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+namespace {
+
+template <typename Info>
+std::string text_of(const Info& event) {
+  return text_line("class", describe(event));
+}
+
+template <typename Info>
+std::string json_of(const Info& event) {
+  return json_line("class", describe(event));
+}
+
+TEST(LoginLine, TellsLocalTimeWithItsOffset) {
+  setenv("TZ", "XST-5:30", 1);  // 5:30 h ahead of UTC
+  tzset();
+  qel_login_info event = {};
+  event.event = QEL_LOGIN_LOGOUT;
+  std::strcpy(event.username, "alice");
+  std::strcpy(event.logintype, "pts/0");
+  EXPECT_EQ(text_of(event),
+            "class    event=logout username=alice    logintype=pts/0  "
+            "time=1970-01-01T05:30:00+05:30 pid=0");
+  event.event = QEL_LOGIN_LOGIN;
+  event.status = 1;
+  event.pid = 4100;
+  std::strcpy(event.user, "root");
+  std::strcpy(event.process, "sshd");
+  inet_pton(AF_INET, "192.0.2.10", &event.ipaddr);
+  event.time = 1714557600;
+  EXPECT_TRUE(text_of(event).ends_with(" ipaddr=192.0.2.10 pid=4100    user=root process=sshd"));
+  EXPECT_EQ(json_of(event),
+            R"({"class":"class","event":"login","username":"alice","logintype":"pts/0",)"
+            R"("time":"2024-05-01T15:30:00+05:30","epoch":1714557600,"ipaddr":"192.0.2.10",)"
+            R"("pid":4100,"user":"root","process":"sshd","status":1})");
+  event.time = INT64_MAX;  // beyond the calendar
+  EXPECT_NE(json_of(event).find(R"("time":"","epoch":9223372036854775807)"), std::string::npos);
+  unsetenv("TZ");
+  tzset();
+}
+
+TEST(UserLine, NamesTheChangeAndReadsNoFurtherThanItsFields) {
+  qel_user_info event = {};
+  event.event = QEL_USER_PASSWORD;
+  std::memset(event.username, 'x', sizeof(event.username));
+  std::strcpy(event.groupname, "staff ers");
+  const std::string name(QEL_NAME_SIZE, 'x');
+  EXPECT_EQ(text_of(event),
+            "class    event=password username=" + name + R"( groupname="staff ers")");
+  event.event = 64;
+  EXPECT_EQ(json_of(event), R"({"class":"class","event":"64","username":")" + name +
+                                R"(","groupname":"staff ers"})");
+}
+
+TEST(SyscallLine, NamesAnErrorOnlyOfACallThatFailed) {
+  qel_syscall_info event = {};
+  event.result = -EPERM;  // the low half of an address
+  event.success = 1;
+  EXPECT_NE(text_of(event).find("success=yes result=-1   arg1=0x0"), std::string::npos);
+  event.success = 0;
+  event.arg4 = UINT64_MAX;
+  EXPECT_NE(text_of(event).find("success=no  result=-1   error=EPERM arg1"), std::string::npos);
+  EXPECT_TRUE(json_of(event).ends_with(R"("arg4":"0xffffffffffffffff"})"));
+  event.result = -512;  // the kernel's own way to say that the call will be restarted
+  EXPECT_NE(json_of(event).find(R"("result":-512,"error":"")"), std::string::npos);
+}
+
+TEST(ExecveLine, StandsAnEventWithoutArguments) {
+  qel_execve_info event = {};
+  event.argc = -3;
+  EXPECT_TRUE(json_of(event).ends_with(R"("argc":-3,"argv":[]})"));
+}
+
+// What a line says from the family on.
+template <typename Address>
+std::string address_of(const Address& address) {
+  qel_bind_info event = {};
+  std::memcpy(&event.addr, &address, sizeof(address));
+  const std::string line = json_of(event);
+  return line.substr(line.find(R"("family":)") + std::strlen(R"("family":)"));
+}
+
+std::string unix_address(std::string_view path) {
+  sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+  path.copy(address.sun_path, sizeof(address.sun_path));
+  return address_of(address);
+}
+
+TEST(BindLine, ShowsWhatTheFamilyHas) {
+  sockaddr_in6 inet6 = {};
+  inet6.sin6_family = AF_INET6;
+  inet6.sin6_port = htons(65535);
+  inet6.sin6_scope_id = 3;
+  inet6.sin6_flowinfo = htonl(7);
+  inet_pton(AF_INET6, "fe80::1", &inet6.sin6_addr);
+  EXPECT_EQ(address_of(inet6), R"("inet6","address":"fe80::1","port":65535,"scope":3,"flow":7})");
+
+  sockaddr_nl netlink = {};
+  netlink.nl_family = AF_NETLINK;
+  netlink.nl_pid = 4294967295;
+  netlink.nl_groups = 0x80000001;
+  EXPECT_EQ(address_of(netlink), R"("netlink","port_id":4294967295,"groups":"0x80000001"})");
+
+  sockaddr_ll packet = {};
+  packet.sll_family = AF_PACKET;
+  packet.sll_ifindex = 2;
+  packet.sll_protocol = htons(0x0806);
+  EXPECT_EQ(address_of(packet), R"("packet","interface":2,"protocol":"0x806"})");
+
+  sockaddr_storage vsock = {};
+  vsock.ss_family = AF_VSOCK;
+  reinterpret_cast<char*>(&vsock)[5] = '\xab';
+  EXPECT_EQ(address_of(vsock), R"("40","bytes":"000000ab"})");
+}
+
+TEST(BindLine, TellsAPathFromAnAbstractName) {
+  EXPECT_EQ(unix_address("@name"), R"("unix","path":"@name"})");
+  EXPECT_EQ(unix_address({"\0a\0b\0", 5}), R"("unix","abstract":"a\\x00b"})");
+  EXPECT_EQ(unix_address(""), R"("unix","abstract":""})");
+  const std::string longest(sizeof(sockaddr_un::sun_path), 'x');
+  EXPECT_EQ(unix_address(longest), R"("unix","path":")" + longest + R"("})");
+}
+
+}  // namespace
