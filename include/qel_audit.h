@@ -93,11 +93,11 @@ struct qel_user_info {
 
 /* A system call that returned. */
 struct qel_syscall_info {
-  int32_t success;                     /* 1 when it succeeded, else 0 */
-  int32_t result;                      /* its return value; a negative errno value on failure */
-  uint32_t ppid;                       /* parent process id */
-  uint32_t pid;                        /* process id */
-  char user[QEL_NAME_SIZE];            /* name of the real user id, or the id in decimal */
+  int32_t success;          /* 1 when it succeeded, else 0 */
+  int32_t result;           /* low 32 bits of its return value; negative errno value on failure */
+  uint32_t ppid;            /* parent process id */
+  uint32_t pid;             /* process id */
+  char user[QEL_NAME_SIZE]; /* name of the real user id, or the id in decimal */
   char process[QEL_NAME_SIZE];         /* command name, at most 15 bytes from the kernel */
   char syscall[QEL_SYSCALL_NAME_SIZE]; /* its name, or NUMBER_ARCH when unknown; the class's key */
   uint64_t arg1;                       /* its first four arguments as the kernel saw them */
