@@ -210,6 +210,11 @@ void read_requests(const ClassValues& values, Options& options) {
       add_request(options.requests, parse_request(kClassOptions[i], value));
   }
   if (options.requests.empty()) options.requests = default_requests(options.replayed.empty());
+  // A call that matches several rules is reported under the one that was loaded last, so the rules
+  // of the system call class, which may match any, are loaded first.
+  std::stable_partition(
+      options.requests.begin(), options.requests.end(),
+      [](const Request& request) { return request.event_class == QEL_CLASS_SYSCALL; });
 }
 
 [[noreturn]] void end_with(const CLI::App& app, const CLI::ParseError& error) {
