@@ -22,7 +22,10 @@
 #endif
 
 #ifdef QEL_SANITIZED_HEAP
-#include <sanitizer/allocator_interface.h>
+// Of sanitizer/allocator_interface.h, which GCC does not install.
+extern "C" int __sanitizer_install_malloc_and_free_hooks(
+    void (*allocated)(const volatile void* memory, std::size_t size),
+    void (*freed)(const volatile void* memory));
 #endif
 
 namespace {
