@@ -4,17 +4,16 @@
 #include <cstdlib>
 #include <limits>
 
+#include "memory.h"
+
 namespace qel {
 namespace {
 
-constexpr std::string_view kHeader = "audit(";
+constexpr char kHeader[] = "audit(";
+constexpr std::size_t kHeaderLength = sizeof(kHeader) - 1;
 
 bool is_blank(char c) {
   return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
-bool is_decimal(char c) {
-  return c >= '0' && c <= '9';
 }
 
 const char* skip_blanks(const char* at, const char* end) {
@@ -72,66 +71,47 @@ bool scan_stamp(std::string_view stamp, std::uint32_t& serial) {
   return true;
 }
 
-// Steps over one or more decimal digits.
-bool skip_digits(const char*& at, const char* end) {
+// Takes decimal digits off the front. Returns how many; the number is right when there are at most
+// ten.
+std::ptrdiff_t take_plain_digits(const char*& at, const char* end, std::uint64_t& number) {
   const char* const from = at;
-  while (at != end && is_decimal(*at)) ++at;
-  return at != from;
+  number = 0;
+  for (; at != end && is_decimal(*at); ++at) number = number * 10 + digit_value(*at);
+  return at - from;
 }
 
 // Reads a header exactly as the kernel writes it.
 bool read_plain_header(std::string_view text, std::uint32_t& serial, std::string_view& header) {
   constexpr std::ptrdiff_t kMaxDigits = 10;
-  if (!text.starts_with(kHeader)) return false;
   const char* const end = text.data() + text.size();
-  const char* at = text.data() + kHeader.size();
-  if (!skip_digits(at, end) || !scan_character(at, end, '.')) return false;
-  if (!skip_digits(at, end) || !scan_character(at, end, ':')) return false;
-  const char* const digits = at;
-  if (!skip_digits(at, end) || at - digits > kMaxDigits) return false;
-  const char* behind = at;
-  if (!scan_character(behind, end, ')') || !scan_character(behind, end, ':')) return false;
+  if (!stands_at(text.data(), end, kHeader)) return false;
+  const char* at = text.data() + kHeaderLength;
   std::uint64_t number = 0;
-  for (const char* digit = digits; digit != at; ++digit) number = number * 10 + digit_value(*digit);
+  if (take_plain_digits(at, end, number) == 0 || !scan_character(at, end, '.')) return false;
+  if (take_plain_digits(at, end, number) == 0 || !scan_character(at, end, ':')) return false;
+  const std::ptrdiff_t digits = take_plain_digits(at, end, number);
+  if (digits == 0 || digits > kMaxDigits) return false;
+  if (!scan_character(at, end, ')') || !scan_character(at, end, ':')) return false;
   serial = static_cast<std::uint32_t>(number);
-  header = text.substr(0, static_cast<std::size_t>(behind - text.data()));
-  return true;
-}
-
-// What stands behind the opening character of a value, up to the closing one if there is one.
-std::string_view inside(std::string_view value, char closing) {
-  value.remove_prefix(1);
-  return value.substr(0, value.find(closing));
-}
-
-// Decodes a block of hexadecimal digits, of which a long argument has thousands, or returns false when
-// it has anything else. Written so that compilers make vector instructions of the loops.
-constexpr std::size_t kHexBlock = 16;
-bool decode_block(const char* digits, std::uint8_t* to) {
-  std::uint8_t values[2 * kHexBlock];
-  std::uint8_t others = 0;
-  for (std::size_t i = 0; i < 2 * kHexBlock; ++i) {
-    const auto c = static_cast<std::uint8_t>(digits[i]);
-    const auto decimal = static_cast<std::uint8_t>(c - '0');
-    const auto letter = static_cast<std::uint8_t>((c | 0x20) - 'a');
-    values[i] = static_cast<std::uint8_t>(decimal < 10 ? decimal : letter + 10);
-    others = static_cast<std::uint8_t>(others | (decimal >= 10 && letter >= 6));
-  }
-  if (others != 0) return false;
-  for (std::size_t i = 0; i < kHexBlock; ++i) {
-    to[i] = static_cast<std::uint8_t>(values[2 * i] << 4 | values[2 * i + 1]);
-  }
+  header = text.substr(0, static_cast<std::size_t>(at - text.data()));
   return true;
 }
 
 bool is_hexadecimal(std::string_view value) {
-  return !value.starts_with('"') && !value.starts_with('(');
+  return value.empty() || (value.front() != '"' && value.front() != '(');
 }
 
-// Whether `name`, without its "=", stands right before `equals` and not before `from`.
-bool stands_before(const char* equals, const char* from, std::string_view name) {
-  return equals - from >= static_cast<std::ptrdiff_t>(name.size()) &&
-         std::memcmp(equals - name.size(), name.data(), name.size()) == 0;
+// What stands behind the opening character of a value, up to the closing one if there is one.
+std::string_view inside(std::string_view value) {
+  const char closing = value.front() == '"' ? '"' : ')';
+  value.remove_prefix(1);
+  return value.substr(0, value.find(closing));
+}
+
+// Whether a name of three letters, without its "=", stands right before `equals` and not before
+// `from`.
+bool stands_before(const char* equals, const char* from, const char (&name)[4]) {
+  return equals - from >= 3 && std::memcmp(equals - 3, name, 3) == 0;
 }
 
 const char* find_character(const char* from, const char* end, char wanted) {
@@ -147,7 +127,7 @@ bool read_serial(std::string_view text, std::uint32_t& serial, std::string_view&
   header = {};
   const std::size_t place = text.find(kHeader);
   if (place == text.npos) return false;
-  const std::string_view stamp = text.substr(place + kHeader.size());
+  const std::string_view stamp = text.substr(place + kHeaderLength);
   return scan_stamp(stamp.substr(0, stamp.find(')')), serial);
 }
 
@@ -168,8 +148,11 @@ std::size_t decode_hex(std::string_view source, void* destination, std::size_t r
   const char* const from = source.data();
   const std::size_t most = std::min(source.size() / 2, room);
   std::size_t written = 0;
-  while (most - written >= kHexBlock && decode_block(from + 2 * written, to + written)) {
-    written += kHexBlock;
+  for (constexpr std::size_t kBytes = sizeof(HexDigits::bytes); most - written >= kBytes;) {
+    const HexDigits digits = read_hex_digits(from + 2 * written);
+    if (digits.count < kSixteen) break;
+    std::memcpy(to + written, digits.bytes, kBytes);
+    written += kBytes;
   }
   for (; written < most; ++written) {
     const unsigned high = digit_value(from[2 * written]);
@@ -185,15 +168,16 @@ void decode_field_value(std::string_view value, char* destination, std::size_t r
     destination[decode_hex(value, destination, room - 1)] = '\0';
     return;
   }
-  const std::string_view text = inside(value, value.front() == '"' ? '"' : ')').substr(0, room - 1);
+  const std::string_view text = inside(value).substr(0, room - 1);
   std::memmove(destination, text.data(), text.size());
   destination[text.size()] = '\0';
 }
 
 char* decode_field_value(std::string_view value) {
-  const std::size_t room = (is_hexadecimal(value) ? value.size() / 2 : value.size()) + 1;
+  if (!is_hexadecimal(value)) return copy_of(inside(value));
+  const std::size_t room = value.size() / 2 + 1;
   auto* text = static_cast<char*>(std::malloc(room));
-  if (text != nullptr) decode_field_value(value, text, room);
+  if (text != nullptr) text[decode_hex(value, text, room - 1)] = '\0';
   return text;
 }
 

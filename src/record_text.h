@@ -6,30 +6,15 @@
 // the last one ended, and searched for only when it is not there: a record is walked about once.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
 
+#include "digits.h"
+#include "sixteen_chars.h"
+
 namespace qel {
-
-inline constexpr unsigned kNoDigit = 0xFF;
-
-// The value of each character as a hexadecimal digit, or kNoDigit.
-inline constexpr auto kDigitValues = [] {
-  std::array<std::uint8_t, 256> values;
-  values.fill(kNoDigit);
-  for (unsigned i = 0; i < 10; ++i) values['0' + i] = static_cast<std::uint8_t>(i);
-  for (unsigned i = 0; i < 6; ++i) {
-    values['a' + i] = values['A' + i] = static_cast<std::uint8_t>(10 + i);
-  }
-  return values;
-}();
-
-inline unsigned digit_value(char c) {
-  return kDigitValues[static_cast<unsigned char>(c)];
-}
 
 // Reads the serial of "audit(SECONDS.MILLISECONDS:SERIAL)". Returns whether there is a readable
 // one. `header` becomes the front of the text up to the colon behind the parenthesis, when the text
@@ -63,9 +48,20 @@ const char* find_field(const char* from, const char* end, std::string_view name)
 const char* find_key(const char* from, const char* end);
 
 inline const char* end_of_value(const char* from, const char* end) {
+  if (end - from >= kSixteen) [[likely]] {
+    const unsigned length = count_before_space(from);
+    from += length;
+    if (length < kSixteen) return from;
+  }
   if (from == end) return end;
   const void* space = std::memchr(from, ' ', static_cast<std::size_t>(end - from));
   return space != nullptr ? static_cast<const char*>(space) : end;
+}
+
+template <std::size_t Size>
+bool stands_at(const char* at, const char* end, const char (&literal)[Size]) {
+  return end - at >= static_cast<std::ptrdiff_t>(Size - 1) &&
+         std::memcmp(at, literal, Size - 1) == 0;
 }
 
 // Walks the fields of a record from left to right. Each reader looks for its field, whose name is a
@@ -88,8 +84,11 @@ class FieldWalk {
   // A number in any base that strtoull(3) recognises with base 0.
   template <std::size_t Size>
   bool any_base(const char (&name)[Size], std::int32_t& result) {
+    const char* const from = find(name);
+    if (from == nullptr) return false;
+    if (from != end_ && *from >= '1' && *from <= '9') return number<10>(from, result);
     std::string_view value;
-    if (!text(name, value)) return false;
+    take_value(from, value);
     result = static_cast<std::int32_t>(to_number(value, 0));
     return true;
   }
@@ -112,16 +111,12 @@ class FieldWalk {
   }
 
  private:
-  // The place of the value if the field comes next, or null. `Size` counts the literal's
-  // terminator.
+  // The place of the value if the field comes next, or null.
   template <std::size_t Size>
   const char* find_next(const char (&name)[Size]) const {
-    constexpr std::size_t kLength = Size - 1;
-    const std::size_t blank = name[0] == ' ' ? 0 : 1;
-    if (static_cast<std::size_t>(end_ - at_) < blank + kLength || *at_ != ' ' ||
-        std::memcmp(at_ + blank, name, kLength) != 0)
-      return nullptr;
-    return at_ + blank + kLength;
+    if (at_ == end_ || *at_ != ' ') return nullptr;
+    const char* const at = name[0] == ' ' ? at_ : at_ + 1;
+    return stands_at(at, end_, name) ? at + Size - 1 : nullptr;
   }
 
   // The place of the field's value, or null.
@@ -143,24 +138,41 @@ class FieldWalk {
   // Digits up to the space are read by hand; anything else has strtoull's manners.
   template <int Base, typename Number>
   bool number(const char* from, Number& result) {
-    constexpr std::ptrdiff_t kSafeDigits = 16;  // fit 64 bits in either base
     if (from == nullptr) return false;
-    const char* at = from;
-    std::uint64_t sum = 0;
-    for (; at != end_; ++at) {
-      const unsigned digit = digit_value(*at);
-      if (digit >= Base) break;
-      sum = sum * Base + digit;
+    std::uint64_t plain = 0;
+    const char* const behind =
+        from + (Base == 16 ? hex_digits(from, plain) : decimal_digits(from, plain));
+    if (behind != end_ && *behind == ' ' && behind != from) [[likely]] {
+      at_ = behind;
+      result = static_cast<Number>(plain);
+      return true;
     }
-    if ((at == end_ || *at == ' ') && at - from <= kSafeDigits) [[likely]] {
-      at_ = at;
-    } else {
-      std::string_view value;
-      take_value(from, value);
-      sum = to_number(value, Base);
-    }
-    result = static_cast<Number>(sum);
+    std::string_view value;
+    take_value(from, value);
+    result = static_cast<Number>(to_number(value, Base));
     return true;
+  }
+
+  // Reads digits at `from`. Returns how many: 0 also near the end of the text, where sixteen
+  // characters cannot be looked at.
+  unsigned hex_digits(const char* from, std::uint64_t& number) const {
+    if (end_ - from < kSixteen) return 0;
+    const HexDigits digits = read_hex_digits(from);
+    if (digits.count != 0) number = number_of(digits);
+    return digits.count;
+  }
+
+  // The same for decimal digits, of which it reads only as many as are sure to fit.
+  unsigned decimal_digits(const char* from, std::uint64_t& number) const {
+    constexpr std::ptrdiff_t kSafeDigits = 19;
+    const char* const last = end_ - from > kSafeDigits ? from + kSafeDigits : end_;
+    const char* at = from;
+    for (; at != last; ++at) {
+      const auto digit = static_cast<unsigned char>(*at - '0');
+      if (digit > 9) break;
+      number = number * 10 + digit;
+    }
+    return static_cast<unsigned>(at - from);
   }
 
   const char* at_;

@@ -44,7 +44,7 @@ TEST(Numbers, AreReadAsStrtoullReadsThem) {
       "-18446744073709551616|00000000000000000000000012|1ffffffffffffffff|10000000000000000|\xff|"
       "1.5|3(|5\t6|1\"";
   for (const std::string& number : split(numbers)) {
-    for (const std::string& behind : {""s, " "s, " n=1"s}) {
+    for (const std::string& behind : {""s, " "s, " n=1"s, " subj=unconfined key=n"s}) {
       SCOPED_TRACE(testing::PrintToString(number + behind));
       const auto expected = [&](int base) { return std::strtoull(number.c_str(), nullptr, base); };
       EXPECT_EQ(qel::to_number(Block(number).view(), 0), expected(0));
@@ -109,6 +109,22 @@ TEST(Values, AreDecodedIntoAnyRoom) {
       const std::unique_ptr<char[]> buffer(new char[room]);
       qel::decode_field_value(block.view(), buffer.get(), room);
       EXPECT_EQ(buffer.get(), text.substr(0, room - 1)) << room;
+    }
+  }
+}
+
+TEST(Values, EndAtTheFirstCharacterThatIsNoDigit) {
+  const std::string digits = "00112233445566778899AABBccddeeff0F1e2D3c4B5a69788796a5b4C3D2E1F0";
+  for (const char other : {'g', 'G', '/', ':', '@', '`', ' ', '\x11', '\xb1', '\0'}) {
+    for (std::size_t place = 0; place <= digits.size(); ++place) {
+      std::string text = digits;
+      if (place < text.size()) text[place] = other;
+      std::string expected;
+      for (std::size_t i = 0; i + 2 <= place; i += 2)
+        expected += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
+      std::string bytes(digits.size() / 2, '\xEE');
+      bytes.resize(qel::decode_hex(Block(text).view(), bytes.data(), bytes.size()));
+      EXPECT_EQ(bytes, expected) << static_cast<int>(other) << " at " << place;
     }
   }
 }
