@@ -67,18 +67,13 @@ void take_path(audit_ctx& ctx, qel_execve_info& info) {
   info.argv[1] = std::exchange(ctx.path, nullptr);
 }
 
-void free_args(qel_execve_info& info) {
-  for (int i = 0; i < info.argc; ++i) std::free(info.argv[i]);
-  std::free(info.argv);
-}
-
 int emit_execve_event(audit_ctx& ctx) {
   execve_event event = {.type = QEL_CLASS_EXECVE, .padding = 0, .info = {}};
   fill_process(event.info, ctx);
   take_args(ctx, event.info);
   if (event.info.argc == 0 && ctx.path != nullptr) take_path(ctx, event.info);
   dispatch_event(&event);
-  free_args(event.info);
+  free_args(event.info.argv, event.info.argc);
   return 0;
 }
 

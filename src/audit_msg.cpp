@@ -38,6 +38,7 @@ struct Recent {
 struct {
   xhash_t* contexts;  // by serial; owns them
   xhash_cookie_t* scan_place;
+  audit_ctx* spare;  // the one that was freed last: mostly groups come one after the other
   Recent recent;
 } state;
 
@@ -47,7 +48,7 @@ void free_audit_ctx(void* value) {
   auto* ctx = static_cast<audit_ctx*>(value);
   if (ctx == state.recent.ctx) state.recent = {};
   clear_audit_ctx(ctx);
-  std::free(ctx);
+  std::free(std::exchange(state.spare, ctx));
 }
 
 void remember(audit_ctx* ctx, std::string_view header) {
@@ -64,7 +65,7 @@ bool is_of_recent(std::string_view text) {
 
 audit_ctx* search_ctx(std::uint32_t serial) {
   void* found = nullptr;
-  if (state.contexts == nullptr ||
+  if (state.contexts == nullptr || xhash_count(state.contexts) == 0 ||
       xhash_search(state.contexts, qel::number_key(serial), 0, &found) != 0)
     return nullptr;
   return static_cast<audit_ctx*>(found);
@@ -88,17 +89,23 @@ audit_ctx* find_audit_ctx(std::string_view text) {
   return ctx;
 }
 
+// Room for a context.
+audit_ctx* new_audit_ctx() {
+  if (state.spare != nullptr) return std::exchange(state.spare, nullptr);
+  return QEL_CHECKED(static_cast<audit_ctx*>(std::malloc(sizeof(audit_ctx))));
+}
+
 // The context that a SYSCALL record of this serial fills: a new one, or the open one without what
 // the earlier records of its group had brought.
 audit_ctx* open_audit_ctx(std::uint32_t serial) {
   audit_ctx* ctx = search_ctx(serial);
   if (ctx != nullptr) {
     clear_audit_ctx(ctx);
-    *ctx = {};
   } else {
-    ctx = QEL_CHECKED(qel::new_zeroed<audit_ctx>());
+    ctx = new_audit_ctx();
     xhash_insert(state.contexts, qel::number_key(serial), 0, ctx);
   }
+  *ctx = {};
   ctx->serial = serial;
   ctx->deadline = std::time(nullptr) + kContextLifetime_s;
   return ctx;
@@ -155,16 +162,16 @@ bool parse_syscall(std::string_view text, SyscallRecord& record) {
          fields.text("comm=", record.comm) && fields.key(record.key);
 }
 
-// The id of the rule type with this name, or -1.
-std::int32_t find_rule_type(const char* name) {
+// The rule type with this name, or null.
+const audit_rule_type* find_rule_type(const char* name) {
   const auto* type = std::find_if(
       std::begin(audit_rule_types), std::end(audit_rule_types), [name](const audit_rule_type& t) {
         return *name == *t.name && std::strcmp(name, t.name) == 0;  // most differ at once
       });
-  return type == std::end(audit_rule_types) ? -1 : type->id;
+  return type == std::end(audit_rule_types) ? nullptr : type;
 }
 
-std::int32_t rule_type_of(std::string_view key_value) {
+const audit_rule_type* rule_type_of(std::string_view key_value) {
   char key[sizeof(audit_rule_type::name)];  // what is cut here is longer than any name
   qel::decode_field_value(key_value, key, sizeof(key));
   return find_rule_type(key);
@@ -185,8 +192,8 @@ int take_syscall(std::string_view text) {
     QEL_ERROR("parse_syscall failed\n");
     return -1;
   }
-  const std::int32_t ruletype = rule_type_of(record.key);
-  if (ruletype < 0) {
+  const audit_rule_type* const type = rule_type_of(record.key);
+  if (type == nullptr) {
     report_unknown_key(record.key);
     return -1;
   }
@@ -195,7 +202,7 @@ int take_syscall(std::string_view text) {
   audit_ctx* ctx = open_audit_ctx(serial);
   remember(ctx, header);
   ctx->msgtype = AUDIT_SYSCALL;
-  ctx->ruletype = ruletype;
+  ctx->ruletype = type->id;
   ctx->arch = record.arch;
   ctx->syscall = record.syscall;
   ctx->success = record.success ? 1 : 0;
@@ -206,7 +213,7 @@ int take_syscall(std::string_view text) {
   ctx->uid = record.uid;
   ctx->gid = record.gid;
   ctx->comm = QEL_CHECKED(qel::decode_field_value(record.comm));
-  ctx->key = QEL_CHECKED(qel::decode_field_value(record.key));
+  ctx->key = QEL_CHECKED(qel::copy_of(type->name));
   return 0;
 }
 
@@ -318,6 +325,8 @@ void audit_msg_fini() {
   if (state.contexts == nullptr) return;
   xhash_destroy(std::exchange(state.contexts, nullptr));
   xhash_cookie_destroy(std::exchange(state.scan_place, nullptr));
+  std::free(std::exchange(state.spare, nullptr));
+  free_spare_args();
 }
 
 void scan_audit_ctx(std::int64_t now) {
@@ -327,17 +336,16 @@ void scan_audit_ctx(std::int64_t now) {
 }
 
 void clear_audit_ctx(audit_ctx* ctx) {
-  for (std::int32_t i = 0; ctx->argv != nullptr && i < ctx->argc; ++i) std::free(ctx->argv[i]);
-  std::free(std::exchange(ctx->argv, nullptr));
+  free_args(std::exchange(ctx->argv, nullptr), ctx->argc);
   std::free(std::exchange(ctx->path, nullptr));
   std::free(std::exchange(ctx->key, nullptr));
   std::free(std::exchange(ctx->comm, nullptr));
 }
 
 int get_audit_type(audit_ctx* ctx) {
-  const std::int32_t type = ctx->key != nullptr ? find_rule_type(ctx->key) : -1;
-  if (type < 0) return -1;
-  ctx->ruletype = type;
+  const audit_rule_type* const type = ctx->key != nullptr ? find_rule_type(ctx->key) : nullptr;
+  if (type == nullptr) return -1;
+  ctx->ruletype = type->id;
   return 0;
 }
 

@@ -1,10 +1,14 @@
 #include "execve_args.h"
 
+#include <malloc.h>
+
 #include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "log.h"
 #include "memory.h"
@@ -29,16 +33,31 @@ constexpr std::int32_t kNoIndex = std::numeric_limits<std::int32_t>::max();
 constexpr std::string_view kArgc = "argc=";
 constexpr std::string_view kLength = "_len=";
 
+// The array of a list that was freed. Memory for long arrays comes from the part of glibc's heap
+// that first merges all small free blocks: those of thousands of argument texts, which the next
+// list then has to cut out again.
+char** spare_array;
+
+// The number of slots that fit the block (malloc_usable_size(3)).
+std::size_t room_of(char** array) {
+  return malloc_usable_size(array) / sizeof(char*);
+}
+
+// Gives an array of null pointers.
+char** new_array(std::size_t size) {
+  if (room_of(spare_array) < size) free_spare_args();
+  char** array = std::exchange(spare_array, nullptr);
+  if (array == nullptr) array = static_cast<char**>(QEL_CHECKED(std::malloc(size * sizeof(char*))));
+  std::fill_n(array, size, nullptr);
+  return array;
+}
+
 char* empty_text() {
   return QEL_CHECKED(qel::copy_of(""));
 }
 
 char* decode(std::string_view value) {
   return QEL_CHECKED(qel::decode_field_value(value));
-}
-
-bool is_decimal(char c) {
-  return c >= '0' && c <= '9';
 }
 
 bool is_separator(char c) {
@@ -55,13 +74,12 @@ std::int32_t read_index(const char*& at, const char* end) {
   constexpr std::ptrdiff_t kMaxDigits = 9;
   const char* const from = at;
   const char* const limit = end - from > kMaxDigits ? from + kMaxDigits + 1 : end;
+  const char* digit = from;
   std::uint32_t index = 0;
-  for (; at != limit; ++at) {
-    const auto digit = static_cast<unsigned>(*at) - '0';
-    if (digit > 9) break;
-    index = index * 10 + digit;
-  }
-  const std::ptrdiff_t digits = at - from;
+  for (; digit != limit && qel::is_decimal(*digit); ++digit)
+    index = index * 10 + qel::digit_value(*digit);
+  at = digit;
+  const std::ptrdiff_t digits = digit - from;
   if (digits == 0 || digits > kMaxDigits || (*from == '0' && digits > 1)) return kNoIndex;
   return static_cast<std::int32_t>(index);
 }
@@ -71,7 +89,7 @@ std::int32_t read_index(const char*& at, const char* end) {
 const char* skip_number(const char* at, const char* end) {
   while (at != end && (*at == ' ' || (*at >= '\t' && *at <= '\r'))) ++at;
   if (at != end && (*at == '+' || *at == '-')) ++at;
-  const char* const behind = std::find_if_not(at, end, is_decimal);
+  const char* const behind = std::find_if_not(at, end, qel::is_decimal);
   return behind == at ? nullptr : behind;
 }
 
@@ -94,6 +112,49 @@ Word read_word(const char* at, const char* end) {
   return word;
 }
 
+// What stands before the argument of a slot: "aN=". Nearly every argument follows the one before it,
+// and comparing with the name is less work than reading the number.
+class ExpectedName {
+ public:
+  explicit ExpectedName(std::int32_t slot) {
+    name_[0] = 'a';
+    char* const end = std::to_chars(name_ + 1, name_ + kSize - 1, slot).ptr;
+    *end = '=';
+    length_ = static_cast<std::size_t>(end - name_) + 1;
+    std::memset(mask_, 0xFF, length_);
+  }
+
+  std::size_t length() const { return length_; }
+
+  bool stands_at(const char* at, const char* end) const {
+    if (static_cast<std::size_t>(end - at) < kSize) return false;
+    return ((load(at) ^ load(name_)) & load(mask_)) == 0;
+  }
+
+  void advance_to(std::int32_t slot) {
+    char& last_digit = name_[length_ - 2];
+    if (last_digit != '9') {
+      ++last_digit;
+    } else {
+      *this = ExpectedName(slot);
+    }
+  }
+
+ private:
+  static constexpr std::size_t kSize = sizeof(std::uint64_t);
+  static_assert(kMaxArguments < 1'000'000, "a name is longer than a word");
+
+  static std::uint64_t load(const char* from) {
+    std::uint64_t word;
+    std::memcpy(&word, from, sizeof(word));
+    return word;
+  }
+
+  char name_[kSize] = {};
+  char mask_[kSize] = {};  // 0xFF where the name has a character
+  std::size_t length_;
+};
+
 // One pass over one record.
 class ArgumentReader {
  public:
@@ -103,6 +164,7 @@ class ArgumentReader {
   bool read() {
     if (ctx_.argc == 0 && !read_count()) return false;
     while (ctx_.arg_index < ctx_.argc && at_ != end_) {
+      if (ctx_.arg_left <= 0 && read_run()) continue;
       if (!read_one(read_word(at_, end_))) return false;
     }
     return true;
@@ -116,9 +178,20 @@ class ArgumentReader {
     if (ctx_.argc <= 0) return false;
     ctx_.argc = std::min(ctx_.argc, kMaxArguments);
     ctx_.arg_index = 0;
-    ctx_.argv = static_cast<char**>(
-        QEL_CHECKED(std::calloc(static_cast<std::size_t>(ctx_.argc), sizeof(char*))));
+    ctx_.argv = new_array(static_cast<std::size_t>(ctx_.argc));
     return true;
+  }
+
+  // Reads arguments as long as they come in order, each behind one blank. Returns whether there was
+  // one.
+  bool read_run() {
+    const std::int32_t first = ctx_.arg_index;
+    for (ExpectedName name(first); ctx_.arg_index < ctx_.argc && name.stands_at(at_, end_);
+         name.advance_to(ctx_.arg_index)) {
+      fill_slot(decode(take_value(at_ + name.length())));
+      if (at_ != end_) ++at_;
+    }
+    return ctx_.arg_index != first;
   }
 
   bool read_one(const Word& word) {
@@ -184,7 +257,7 @@ class ArgumentReader {
   // The number of an "aN" that ends at `behind`, or kNoIndex.
   std::int32_t index_before(const char* behind) const {
     const char* at = behind;
-    while (at != at_ && is_decimal(at[-1])) --at;
+    while (at != at_ && qel::is_decimal(at[-1])) --at;
     if (at == at_ || at[-1] != 'a') return kNoIndex;
     const std::int32_t index = read_index(at, behind);
     return at == behind ? index : kNoIndex;
@@ -281,6 +354,17 @@ class ArgumentReader {
 
 bool add_execve_args(audit_ctx& ctx, std::string_view text) {
   return ArgumentReader(ctx, text).read();
+}
+
+void free_args(char** argv, std::int32_t argc) {
+  if (argv == nullptr) return;
+  for (std::int32_t i = 0; i < argc; ++i) std::free(argv[i]);
+  if (room_of(argv) > room_of(spare_array)) std::swap(argv, spare_array);
+  std::free(argv);
+}
+
+void free_spare_args() {
+  std::free(std::exchange(spare_array, nullptr));
 }
 
 void complete_execve_args(audit_ctx& ctx) {

@@ -1,6 +1,7 @@
 // Reassembly of a program's arguments from AUDIT_EXECVE records.
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 
 #include "audit_msg.h"
@@ -14,3 +15,10 @@ bool add_execve_args(audit_ctx& ctx, std::string_view text);
 // Fills every slot that no record has filled with an empty text. A split argument that is not
 // complete is dropped.
 void complete_execve_args(audit_ctx& ctx);
+
+// Frees an argument list with its texts; slots may be null. Keeps the longest array for the next
+// list.
+void free_args(char** argv, std::int32_t argc);
+
+// Frees the array that free_args kept.
+void free_spare_args();
