@@ -31,12 +31,10 @@ struct FreeMemory {
 template <typename T>
 using Owned = std::unique_ptr<T, FreeMemory>;
 
-// Makes a zeroed `T`. Null when memory is exhausted. Not by calloc(3), which takes glibc's slow way
-// for the small blocks that come and go with each event.
+// Makes a zeroed `T`. Null when memory is exhausted.
 template <typename T>
 T* new_zeroed() {
-  void* memory = std::malloc(sizeof(T));
-  return memory == nullptr ? nullptr : static_cast<T*>(std::memset(memory, 0, sizeof(T)));
+  return static_cast<T*>(std::calloc(1, sizeof(T)));
 }
 
 // Makes a zero-terminated copy of `text`. Null when memory is exhausted.
@@ -52,8 +50,8 @@ inline char* copy_of(std::string_view text) {
 // without parsing a format: three of these make up every event.
 template <std::size_t Size>
 void copy_text(char (&field)[Size], const char* text, std::size_t limit = Size) {
-  const std::size_t length = strnlen(text, limit - 1);
-  std::memcpy(field, text, length);
+  std::size_t length = 0;
+  for (; length < limit - 1 && text[length] != '\0'; ++length) field[length] = text[length];
   field[length] = '\0';
 }
 

@@ -3,30 +3,11 @@
 #include <utility>
 
 namespace qel {
-namespace {
 
-struct {
-  int depth;
-  void (*put_off)();
-} state;
+RecordState record_state;
 
-}  // namespace
-
-RecordScope::RecordScope() {
-  ++state.depth;
-}
-
-RecordScope::~RecordScope() {
-  if (--state.depth > 0 || state.put_off == nullptr) return;
-  std::exchange(state.put_off, nullptr)();
-}
-
-bool handling_record() {
-  return state.depth > 0;
-}
-
-void after_record(void (*action)()) {
-  state.put_off = action;
+void run_what_was_put_off() {
+  std::exchange(record_state.put_off, nullptr)();
 }
 
 }  // namespace qel
