@@ -23,7 +23,7 @@ typedef int (*qel_poller_fn)(void* argument);
 int qel_mainloop_reg_poller(qel_poller_fn poller, void* argument);
 
 /* Runs rounds until qel_mainloop_stop: another round at once after one in which a poller returned
- * 1, otherwise after a pause that grows from 1 ms to 10 ms while there is nothing to do. A stop
+ * 1, otherwise after a pause that grows from 1 ms to 9 ms while there is nothing to do. A stop
  * request ends exactly one run, which uses it up: the run in progress, or without one the next,
  * which then calls no poller. Requests before that count as one. */
 void qel_mainloop_run(void);

@@ -12,10 +12,11 @@
 
 namespace {
 
-// A poller cannot say what it waits for, so the loop has to look. At ten milliseconds that costs a
-// hundred rounds a second, well below a hundredth of a CPU.
+// A poller cannot say what it waits for, so the loop has to look. It does often enough that nothing
+// waits for more than ten milliseconds, sleeping too long included; that takes a hundred rounds a
+// second, well below a hundredth of a CPU.
 constexpr int kMinPause_ms = 1;
-constexpr int kMaxPause_ms = 10;
+constexpr int kMaxPause_ms = 9;
 
 struct Poller {
   qel_poller_fn poll;
