@@ -23,6 +23,7 @@
 #include <string_view>
 
 #include "client.h"
+#include "measuring.h"
 #include "stand_ins.h"
 #include "streams.h"
 
@@ -119,13 +120,6 @@ Parser make_parser(auparse_callback_ptr client) {
 
 // ---- Side by side ------------------------------------------------------------------------------
 
-template <typename Work>
-double time_ns(Work work) {
-  const std::int64_t start = bench::thread_time_ns();
-  work();
-  return static_cast<double>(bench::thread_time_ns() - start);
-}
-
 void stream(State& state, const char* name) {
   const bench::Stream records = bench::make_stream(name);
   const Parser fields_parser = make_parser(read_fields);
@@ -139,9 +133,10 @@ void stream(State& state, const char* name) {
     for (std::size_t from = 0; from < records.records.size();) {
       const std::size_t to = bench::end_of_batch(records, from);
       const std::string log = bench::to_log(records, from, to);
-      library_ns += time_ns([&] { bench::deliver(records, from, to); });
-      fields_ns += time_ns([&] { auparse_feed(fields_parser.get(), log.data(), log.size()); });
-      full_ns += time_ns([&] { auparse_feed(full_parser.get(), log.data(), log.size()); });
+      library_ns += bench::time_ns([&] { bench::deliver(records, from, to); });
+      fields_ns +=
+          bench::time_ns([&] { auparse_feed(fields_parser.get(), log.data(), log.size()); });
+      full_ns += bench::time_ns([&] { auparse_feed(full_parser.get(), log.data(), log.size()); });
       from = to;
     }
   }
@@ -209,11 +204,7 @@ int print_peak(std::string_view reader, const std::string& path) {
 
 int main(int argc, char** argv) try {
   if (argc == 4 && std::strcmp(argv[1], "--peak") == 0) return print_peak(argv[2], argv[3]);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  bench::start_client();
-  benchmark::RunSpecifiedBenchmarks();
-  return 0;
+  return bench::run_benchmarks(argc, argv, bench::start_client);
 } catch (const std::exception& error) {
   std::fprintf(stderr, "%s\n", error.what());
   return 2;

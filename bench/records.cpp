@@ -22,6 +22,7 @@
 #include <string_view>
 
 #include "client.h"
+#include "measuring.h"
 #include "stand_ins.h"
 #include "streams.h"
 
@@ -29,15 +30,8 @@ namespace {
 
 using benchmark::State;
 
-template <typename Work>
-double time_ns(Work work) {
-  const std::int64_t start = bench::thread_time_ns();
-  work();
-  return static_cast<double>(bench::thread_time_ns() - start);
-}
-
 double time_of(const bench::Stream& stream) {
-  return time_ns([&] { bench::deliver(stream, 0, stream.records.size()); });
+  return bench::time_ns([&] { bench::deliver(stream, 0, stream.records.size()); });
 }
 
 double size_of(const bench::Stream& stream) {
@@ -206,7 +200,7 @@ double time_dispatch(int others) {
   };
   bench::skip_stat("/etc/passwd");
   dispatch();
-  const double ns = time_ns(dispatch);
+  const double ns = bench::time_ns(dispatch);
   bench::skip_stat(nullptr);
   qel_audit_fini();
   return ns;
@@ -246,11 +240,7 @@ int deliver_all(std::string_view name) {
 int main(int argc, char** argv) try {
   if (argc == 3 && std::strcmp(argv[1], "--write-log") == 0) return write_log(argv[2]);
   if (argc == 3 && std::strcmp(argv[1], "--deliver") == 0) return deliver_all(argv[2]);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
-  bench::start_client();
-  benchmark::RunSpecifiedBenchmarks();
-  return 0;
+  return bench::run_benchmarks(argc, argv, bench::start_client);
 } catch (const std::exception& error) {
   std::fprintf(stderr, "%s\n", error.what());
   return 2;

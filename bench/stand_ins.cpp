@@ -11,7 +11,6 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <ctime>
 
 #if defined(__SANITIZE_ADDRESS__)
 #define QEL_SANITIZED_HEAP
@@ -55,12 +54,6 @@ void skip_stat(const char* path) {
 
 int run_poller() {
   return state.poller(state.poller_argument);
-}
-
-std::int64_t thread_time_ns() {
-  timespec now;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-  return now.tv_sec * 1'000'000'000 + now.tv_nsec;
 }
 
 }  // namespace bench

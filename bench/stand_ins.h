@@ -16,7 +16,4 @@ void skip_stat(const char* path);
 // One round of the poller that the library registered; returns its result.
 int run_poller();
 
-// Processor time of this thread.
-std::int64_t thread_time_ns();
-
 }  // namespace bench
