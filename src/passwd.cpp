@@ -60,8 +60,7 @@ bool is_running() {
   return state.current.table != nullptr && state.fresh.table != nullptr;
 }
 
-// ---- Keys
-// -----------------------------------------------------------------------------------------
+// ---- Keys ---------------------------------------------------------------------------------------
 
 const char* name_of(const void* entry) {
   return static_cast<const passwd_entry*>(entry)->name;
@@ -75,8 +74,7 @@ int compare_names(const void* a, std::size_t, const void* b, std::size_t) {
   return std::strcmp(name_of(a), name_of(b));
 }
 
-// ---- Snapshot
-// -------------------------------------------------------------------------------------
+// ---- Snapshot -----------------------------------------------------------------------------------
 
 char* copy_of(const char* text) {
   return QEL_CHECKED(qel::copy_of(text != nullptr ? text : ""));
@@ -153,8 +151,7 @@ void take_snapshot(Accounts& accounts) {
   accounts.index();
 }
 
-// ---- Comparison
-// -----------------------------------------------------------------------------------
+// ---- Comparison ---------------------------------------------------------------------------------
 
 void mark_deleted() {
   state.current.walk([](passwd_entry& entry) {
@@ -206,8 +203,7 @@ bool emit_marked(Accounts& accounts, passwd_emitter emitter, audit_ctx* ctx) {
   return true;
 }
 
-// ---- Names by uid
-// -----------------------------------------------------------------------------------
+// ---- Names by uid -------------------------------------------------------------------------------
 
 const char* decimal_text(std::uint32_t uid) {
   str_snprintf(decimal, sizeof(decimal), "%u", uid);

@@ -43,8 +43,7 @@ std::string_view text_of(const char (&member)[Size]) {
   return {member, strnlen(member, Size)};
 }
 
-// ---- Keys
-// -----------------------------------------------------------------------------------------
+// ---- Keys ---------------------------------------------------------------------------------------
 
 const wtmp_entry& entry_of(const void* key) {
   return *static_cast<const wtmp_entry*>(key);
@@ -65,8 +64,7 @@ int compare_logins(const void* a, std::size_t, const void* b, std::size_t) {
   return ut_a.ut_pid == ut_b.ut_pid && ut_a.ut_tv.tv_sec == ut_b.ut_tv.tv_sec ? 0 : 1;
 }
 
-// ---- Matching logins with their ends
-// ----------------------------------------------------------------
+// ---- Matching logins with their ends ------------------------------------------------------------
 
 // The ends met on the way from the newest record to the oldest, until a login takes them: found by
 // line, and of one line the one met last. The time of a start or end of the system replaces those
@@ -183,8 +181,7 @@ void match_logins_with_ends(Logins& logins) {
   }
 }
 
-// ---- Snapshot
-// -------------------------------------------------------------------------------------
+// ---- Snapshot -----------------------------------------------------------------------------------
 
 void read_records(Logins& logins) {
   setutent();
@@ -209,8 +206,7 @@ bool take_snapshot(const char* path, Logins& logins) {
   return true;
 }
 
-// ---- Comparison
-// -----------------------------------------------------------------------------------
+// ---- Comparison ---------------------------------------------------------------------------------
 
 // Texts for log lines.
 struct UserText {
