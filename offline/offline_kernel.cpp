@@ -1,5 +1,5 @@
-// The audit kernel in memory: its rule list, its settings, the queue of messages for the receiver,
-// and the calls of libaudit that reach it.
+// The audit kernel in memory: its settings, the queue of messages for the receiver, and the calls of
+// libaudit that reach it.
 #include "offline_kernel.h"
 
 #include <dlfcn.h>
@@ -19,7 +19,6 @@
 #include <ctime>
 #include <deque>
 #include <optional>
-#include <span>
 #include <stdexcept>
 
 namespace offline {
@@ -29,24 +28,8 @@ constexpr std::uint32_t kAuditOff = 0;
 constexpr std::uint32_t kAuditOn = 1;
 constexpr std::uint32_t kAuditLocked = 2;
 constexpr std::uint32_t kFirstOwnSerial = 4000000001;
-constexpr std::uint32_t kPrepend = AUDIT_FILTER_PREPEND;
 constexpr std::uint32_t kBootBacklogLimit = 64;
 constexpr std::uint32_t kBacklogWaitTime = 15000;  // 60 s in ticks of a 250 Hz kernel
-
-// The upper half of the last mask word stands for classes of system calls, which the kernel
-// resolves and clears when it takes a rule in.
-constexpr std::uint32_t kLastMaskWordBits = 0x0000ffff;
-
-// Rule fields whose value is the length of a text in `buf`.
-constexpr std::array<std::uint32_t, 14> kTextFields = {
-    AUDIT_SUBJ_USER, AUDIT_SUBJ_ROLE, AUDIT_SUBJ_TYPE, AUDIT_SUBJ_SEN,    AUDIT_SUBJ_CLR,
-    AUDIT_OBJ_USER,  AUDIT_OBJ_ROLE,  AUDIT_OBJ_TYPE,  AUDIT_OBJ_LEV_LOW, AUDIT_OBJ_LEV_HIGH,
-    AUDIT_WATCH,     AUDIT_DIR,       AUDIT_FILTERKEY, AUDIT_EXE,
-};
-
-// Filter lists that take rules; AUDIT_FILTER_ENTRY is refused since Linux 3.16.
-constexpr std::array<std::uint32_t, 5> kFilterLists = {
-    AUDIT_FILTER_USER, AUDIT_FILTER_TASK, AUDIT_FILTER_EXIT, AUDIT_FILTER_EXCLUDE, AUDIT_FILTER_FS};
 
 // The types whose payload libaudit 3.0.9 makes accessible; all other replies get a null pointer.
 struct TypeRange {
@@ -105,7 +88,7 @@ struct Kernel {
   bool config_records = true;
   bool other_receiver = false;
   uid_t loginuid = AUDIT_UID_UNSET;
-  std::function<bool(const std::string&)> path_exists = exists_here;
+  PathExists path_exists = exists_here;
 
   std::array<unsigned, static_cast<std::size_t>(Call::kCount)> calls{};
   std::array<ScriptedFailure, static_cast<std::size_t>(Call::kCount)> failures{};
@@ -382,125 +365,8 @@ int read_enabled() {
 
 // ---- Rules ------------------------------------------------------------------------------------
 
-std::size_t size_of(const audit_rule_data& rule) {
-  return sizeof rule + rule.buflen;
-}
-
 std::string_view bytes_of_rule(const audit_rule_data& rule) {
   return {reinterpret_cast<const char*>(&rule), size_of(rule)};
-}
-
-Rule copy_rule(const audit_rule_data& rule) {
-  void* copy = std::malloc(size_of(rule));
-  if (copy == nullptr) throw std::bad_alloc();
-  std::memcpy(copy, &rule, size_of(rule));
-  return Rule(static_cast<audit_rule_data*>(copy));
-}
-
-std::uint32_t list_of(const audit_rule_data& rule) {
-  return rule.flags & ~kPrepend;
-}
-
-template <typename Table>
-bool contains(const Table& table, std::uint32_t value) {
-  return std::find(table.begin(), table.end(), value) != table.end();
-}
-
-std::size_t text_length(const audit_rule_data& rule) {
-  std::size_t length = 0;
-  for (std::uint32_t i = 0; i < rule.field_count; ++i)
-    if (contains(kTextFields, rule.fields[i])) length += rule.values[i];
-  return length;
-}
-
-// The text of the first such field; the texts lie one behind the other in `buf`.
-std::optional<std::string> text_of(const audit_rule_data& rule, std::uint32_t field) {
-  const char* text = rule.buf;
-  for (std::uint32_t i = 0; i < rule.field_count; ++i) {
-    if (rule.fields[i] == field) return std::string(text, rule.values[i]);
-    if (contains(kTextFields, rule.fields[i])) text += rule.values[i];
-  }
-  return std::nullopt;
-}
-
-bool is_watchable(const audit_rule_data& rule) {
-  const std::optional<std::string> file = text_of(rule, AUDIT_WATCH);
-  const std::optional<std::string> directory = text_of(rule, AUDIT_DIR);
-  if (!file && !directory) return true;
-  if ((file && directory) || list_of(rule) != AUDIT_FILTER_EXIT) return false;
-  const std::string& path = file ? *file : *directory;
-  return path.starts_with('/') && !(file && path.ends_with('/'));
-}
-
-// What the kernel refuses before it looks at its list.
-bool is_valid(const audit_rule_data& rule) {
-  if (!contains(kFilterLists, list_of(rule))) return false;
-  if (rule.action != AUDIT_NEVER && rule.action != AUDIT_ALWAYS) return false;
-  if (rule.field_count > AUDIT_MAX_FIELDS || text_length(rule) > rule.buflen) return false;
-  const std::optional<std::string> key = text_of(rule, AUDIT_FILTERKEY);
-  return (!key || key->size() <= AUDIT_MAX_KEY_LEN) && is_watchable(rule);
-}
-
-template <std::size_t kSize>
-bool same_words(const std::uint32_t (&a)[kSize], const std::uint32_t (&b)[kSize],
-                std::size_t count) {
-  return std::equal(a, a + count, b);
-}
-
-bool same_rule(const audit_rule_data& a, const audit_rule_data& b) {
-  return a.flags == b.flags && a.action == b.action && a.field_count == b.field_count &&
-         a.buflen == b.buflen && same_words(a.fields, b.fields, a.field_count) &&
-         same_words(a.values, b.values, a.field_count) &&
-         same_words(a.fieldflags, b.fieldflags, a.field_count) &&
-         same_words(a.mask, b.mask, AUDIT_BITMASK_SIZE) && std::memcmp(a.buf, b.buf, a.buflen) == 0;
-}
-
-// The flags are compared whole, and no listed rule has the prepend bit: a rule with it is never
-// found.
-auto find_rule(const audit_rule_data& rule) {
-  return std::find_if(kernel.rules.begin(), kernel.rules.end(),
-                      [&](const Rule& listed) { return same_rule(*listed, rule); });
-}
-
-bool is_watch_missing(const audit_rule_data& rule) {
-  if (const auto directory = text_of(rule, AUDIT_DIR)) return !kernel.path_exists(*directory);
-  const auto file = text_of(rule, AUDIT_WATCH);
-  if (!file) return false;
-  const std::size_t last_slash = file->rfind('/');
-  return !kernel.path_exists(last_slash == 0 ? "/" : file->substr(0, last_slash));
-}
-
-void insert_rule(Rule rule) {
-  const bool prepend = (rule->flags & kPrepend) != 0;
-  rule->flags = list_of(*rule);
-  const auto place =
-      std::find_if(kernel.rules.begin(), kernel.rules.end(), [&](const Rule& listed) {
-        return prepend ? listed->flags >= rule->flags : listed->flags > rule->flags;
-      });
-  kernel.rules.insert(place, std::move(rule));
-}
-
-int add_rule(Rule rule) {
-  if (find_rule(*rule) != kernel.rules.end()) return -EEXIST;
-  if (is_watch_missing(*rule)) return -ENOENT;
-  insert_rule(std::move(rule));
-  return 0;
-}
-
-int delete_rule(const audit_rule_data& rule) {
-  const auto found = find_rule(rule);
-  if (found == kernel.rules.end()) return -ENOENT;
-  kernel.rules.erase(found);
-  return 0;
-}
-
-std::string key_text(const audit_rule_data& rule) {
-  const std::optional<std::string> key = text_of(rule, AUDIT_FILTERKEY);
-  if (!key) return "key=(null)";
-  const std::unique_ptr<char, decltype(&std::free)> encoded(
-      audit_encode_nv_string("key", key->c_str(), static_cast<unsigned>(key->size())), std::free);
-  if (!encoded) throw std::bad_alloc();
-  return encoded.get();
 }
 
 std::string rule_change_text(const char* operation, const audit_rule_data& rule, int error) {
@@ -519,9 +385,8 @@ int change_rules(bool add, const audit_rule_data& sent) {
   if (is_locked()) return conclude(request, -EPERM, locked_text(operation));
   if (!is_valid(sent)) return conclude(request, -EINVAL, {});
 
-  Rule rule = copy_rule(sent);
-  rule->mask[AUDIT_BITMASK_SIZE - 1] &= kLastMaskWordBits;
-  const int error = add ? add_rule(std::move(rule)) : delete_rule(*rule);
+  const int error =
+      add ? add_rule(kernel.rules, sent, kernel.path_exists) : delete_rule(kernel.rules, sent);
   return conclude(request, error,
                   is_auditing() ? rule_change_text(operation, sent, error) : std::string());
 }
@@ -580,10 +445,6 @@ void restart(bool on) {
 
 // ---- Interface --------------------------------------------------------------------------------
 
-void FreeRule::operator()(audit_rule_data* rule) const {
-  std::free(rule);
-}
-
 void switch_on() {
   restart(true);
 }
@@ -612,7 +473,7 @@ void set_other_receiver(bool present) {
 void set_loginuid(uid_t uid) {
   kernel.loginuid = uid;
 }
-void set_path_check(std::function<bool(const std::string& path)> exists) {
+void set_path_check(PathExists exists) {
   kernel.path_exists = std::move(exists);
 }
 
@@ -626,7 +487,7 @@ void fail(Call call, int result, unsigned times) {
 }
 
 void preload_rule(const audit_rule_data& rule) {
-  insert_rule(copy_rule(rule));
+  insert_rule(kernel.rules, copy_rule(rule));
 }
 
 void feed(int type, std::string_view payload, std::uint32_t sequence) {

@@ -18,11 +18,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "rule_list.h"
 
 namespace offline {
 
@@ -43,11 +43,6 @@ enum class Call {
   kGetLoginUid,
   kCount
 };
-
-struct FreeRule {
-  void operator()(audit_rule_data* rule) const;
-};
-using Rule = std::unique_ptr<audit_rule_data, FreeRule>;
 
 // A request as the kernel would receive it; `rule` is a copy bit by bit.
 struct RuleRequest {
@@ -88,7 +83,7 @@ void set_other_receiver(bool present);
 void set_loginuid(uid_t uid);
 // What the kernel finds when a watch is added: the directory of a watched file, or a watched
 // directory itself. At first this machine's file system is asked.
-void set_path_check(std::function<bool(const std::string& path)> exists);
+void set_path_check(PathExists exists);
 
 // A failing call returns `result` and does nothing else; a negative result goes to errno as well.
 // audit_open returns -1 then, whatever the result; audit_close cannot fail and is carried out.
