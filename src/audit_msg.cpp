@@ -183,7 +183,7 @@ const audit_rule_type* rule_type_of(std::string_view key_value) {
   QEL_ERROR("get_audit_type failed: %s\n", key);
 }
 
-int take_syscall(std::string_view text) {
+[[gnu::noinline]] int take_syscall(std::string_view text) {
   std::uint32_t serial = 0;
   std::string_view header;
   if (!qel::read_serial(text, serial, header)) return -1;

@@ -5,6 +5,7 @@
 #include <shadow.h>
 #include <sys/stat.h>
 
+#include <charconv>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -54,7 +55,9 @@ struct {
   Stamp stamp;       // ... from this state of /etc/passwd
 } state;
 
-char decimal[32];  // the text for a uid without a name
+using Decimal = char[32];
+
+Decimal decimal;  // the text for a uid without a name
 
 bool is_running() {
   return state.current.table != nullptr && state.fresh.table != nullptr;
@@ -80,10 +83,14 @@ char* copy_of(const char* text) {
   return QEL_CHECKED(qel::copy_of(text != nullptr ? text : ""));
 }
 
+const char* print(std::uint32_t number, Decimal& text) {
+  *std::to_chars(text, text + sizeof(text) - 1, number).ptr = '\0';
+  return text;
+}
+
 char* copy_of_id(std::uint32_t id) {
-  char text[32];
-  str_snprintf(text, sizeof(text), "%u", id);
-  return copy_of(text);
+  Decimal text;
+  return copy_of(print(id, text));
 }
 
 // The value of an entry, or null.
@@ -205,11 +212,6 @@ bool emit_marked(Accounts& accounts, passwd_emitter emitter, audit_ctx* ctx) {
 
 // ---- Names by uid -------------------------------------------------------------------------------
 
-const char* decimal_text(std::uint32_t uid) {
-  str_snprintf(decimal, sizeof(decimal), "%u", uid);
-  return decimal;
-}
-
 // Fills the table from the passwd database. Returns the name of `uid`, or null.
 const char* rebuild_names(std::uint32_t uid) {
   const char* answer = nullptr;
@@ -270,7 +272,7 @@ int check_passwd_event(passwd_emitter emitter, audit_ctx* ctx) {
 
 const char* get_uname_by_uid(std::uint32_t uid) {
   struct stat status;
-  if (state.names == nullptr || stat(kPasswdPath, &status) != 0) return decimal_text(uid);
+  if (state.names == nullptr || stat(kPasswdPath, &status) != 0) return print(uid, decimal);
   const Stamp now = {status.st_ino, status.st_size, status.st_mtim.tv_sec};
   const char* name;
   if (state.has_stamp && state.stamp == now) {
@@ -280,5 +282,5 @@ const char* get_uname_by_uid(std::uint32_t uid) {
     state.stamp = now;
     name = rebuild_names(uid);
   }
-  return name != nullptr ? name : decimal_text(uid);
+  return name != nullptr ? name : print(uid, decimal);
 }
