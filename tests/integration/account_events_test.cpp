@@ -1,21 +1,19 @@
 // Account events from recorded records to callbacks, while the databases change as the account
 // tools change them.
-#include <gtest/gtest.h>
-#include <libaudit.h>
-
 #include <algorithm>
+#include <chrono>
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
-#include "captured_log.h"
-#include "databases.h"
 #include "event_log.h"
-#include "offline_kernel.h"
+#include "offline_test.h"
 
 namespace {
 
+using namespace std::chrono_literals;
 using test::databases;
 using Texts = std::vector<std::string>;
 
@@ -24,45 +22,37 @@ constexpr int kEverything = QEL_USER_ADDED | QEL_USER_DELETED | QEL_USER_PASSWOR
 // What a tool has done to the databases before the end of the recording's group of this number.
 using Steps = std::map<int, std::function<void()>>;
 
-std::string& hash_of(const std::string& name) {
-  return std::find_if(databases.shadow.begin(), databases.shadow.end(),
-                      [&name](const auto& entry) { return entry.name == name; })
-      ->hash;
-}
-
-test::Account& account(const std::string& name) {
-  return *std::find_if(databases.passwd.begin(), databases.passwd.end(),
-                       [&name](const auto& entry) { return entry.name == name; });
-}
+// Where accounts stand in the databases.
+enum { kAlice = 1, kDana, kEvan };
 
 template <typename Entry>
 void remove(std::vector<Entry>& entries, const std::string& name) {
-  std::erase_if(entries, [&name](const auto& entry) { return entry.name == name; });
+  std::erase_if(entries, [&name](const Entry& entry) { return entry.name == name; });
+}
+
+void add_account(const std::string& name, uid_t uid, gid_t gid) {
+  databases.passwd.push_back({name, uid, gid});
+}
+void add_hash(const std::string& name) {
+  databases.shadow.push_back({name, "!"});
 }
 
 void add_dana_and_evan() {
-  databases.passwd.push_back({"dana", 2001, 3000});
-  databases.passwd.push_back({"evan", 2002, 2002});
-  databases.shadow.push_back({"dana", "!"});
-  databases.shadow.push_back({"evan", "!"});
-  databases.group.push_back({"staffers", 3000});
-  databases.group.push_back({"evan", 2002});
+  auto& [passwd, shadow, group] = databases;
+  passwd.insert(passwd.end(), {{"dana", 2001, 3000}, {"evan", 2002, 2002}});
+  shadow.insert(shadow.end(), {{"dana", "!"}, {"evan", "!"}});
+  group.insert(group.end(), {{"staffers", 3000}, {"evan", 2002}});
 }
 
-class AccountEvents : public testing::Test {
+const Texts kBothAdded = {"added dana group=staffers", "added evan group=evan"};
+
+class AccountEvents : public test::OfflineTest {
  protected:
   AccountEvents() {
-    test::reset_databases();
-    test::clear_log();
-    offline::switch_on();
-    offline::set_path_check([](const std::string&) { return true; });
     databases.passwd = {{"root", 0, 0}, {"alice", 1000, 1000}};
     databases.shadow = {{"root", "*"}, {"alice", "$y$a"}};
     databases.group = {{"root", 0}, {"alice", 1000}};
-  }
-  ~AccountEvents() override {
-    qel_audit_fini();
-    offline::switch_off();
+    test::redirect("/etc/passwd", passwd_.path());
   }
 
   void start() {
@@ -70,12 +60,14 @@ class AccountEvents : public testing::Test {
     test::poll_all();
   }
 
-  void play(const std::string& recording, const Steps& steps) {
+  // Returns the events.
+  Texts play(const std::string& recording, const Steps& steps) {
+    start();
     test::play(test::read_recording(QEL_TEST_DATA_DIR "/recordings/" + recording + ".rec"),
                [&steps](int group) {
-                 const auto step = steps.find(group);
-                 if (step != steps.end()) step->second();
+                 if (steps.contains(group)) steps.at(group)();
                });
+    return test::texts_of(lines_);
   }
 
   // Any program's rename of a new file over /etc/passwd.
@@ -85,82 +77,47 @@ class AccountEvents : public testing::Test {
     offline::feed(AUDIT_SYSCALL,
                   header +
                       "arch=c000003e syscall=82 success=yes exit=0 a0=1 a1=2 a2=0 a3=0 items=0 "
-                      "ppid=1 pid=77 auid=0 uid=0 gid=0 comm=\"vipw\" exe=\"/usr/sbin/vipw\" "
-                      "key=\"passwd_rule\"");
+                      "ppid=1 pid=77 auid=0 uid=0 gid=0 comm=\"vipw\" key=\"passwd_rule\"");
     offline::feed(AUDIT_EOE, header);
     test::poll_all();
   }
 
-  Texts events() const { return test::texts_of(lines_); }
-
+  test::ScratchFile passwd_;
   std::vector<test::EventLine> lines_;
 };
 
 // The group file is the last that useradd writes: evan's own group has no name yet.
 TEST_F(AccountEvents, TellOfAddedAccounts) {
-  start();
   databases.group.push_back({"staffers", 3000});
-  play("account-add", {
-                          {2,
-                           [] {
-                             databases.passwd.push_back({"dana", 2001, 3000});
-                           }},
-                          {3,
-                           [] {
-                             databases.shadow.push_back({"dana", "!"});
-                           }},
-                          {6,
-                           [] {
-                             databases.passwd.push_back({"evan", 2002, 2002});
-                           }},
-                          {7,
-                           [] {
-                             databases.shadow.push_back({"evan", "!"});
-                             databases.group.push_back({"evan", 2002});
-                           }},
-                      });
-  EXPECT_EQ(events(), (Texts{"added dana group=staffers", "added evan group=2002"}));
+  const Steps steps = {{2, [] { add_account("dana", 2001, 3000); }},
+                       {3, [] { add_hash("dana"); }},
+                       {6, [] { add_account("evan", 2002, 2002); }},
+                       {7, [] { add_hash("evan"); }}};
+  EXPECT_EQ(play("account-add", steps),
+            (Texts{"added dana group=staffers", "added evan group=2002"}));
 }
 
 TEST_F(AccountEvents, TellOfChangedGroupsAndPasswords) {
   add_dana_and_evan();
-  start();
-  play("account-change", {
-                             {4, [] { account("evan").gid = 3000; }},
-                             {5, [] { hash_of("dana") = "$y$d1"; }},
-                             {6, [] { hash_of("dana") = "$y$d2"; }},
-                             {9, [] { account("dana").gecos = "Dana"; }},
-                             {11, [] { account("dana").shell = "/bin/sh"; }},
-                             {15, [] { hash_of("evan") = "!!"; }},
-                         });
-  EXPECT_EQ(events(), (Texts{"group evan group=staffers", "password dana group=staffers",
-                             "password dana group=staffers", "password evan group=staffers"}));
+  const Steps steps = {{4, [] { databases.passwd[kEvan].gid = 3000; }},
+                       {5, [] { databases.shadow[kDana].hash = "$y$d1"; }},
+                       {6, [] { databases.shadow[kDana].hash = "$y$d2"; }},
+                       {9, [] { databases.passwd[kDana].gecos = "Dana"; }},
+                       {11, [] { databases.passwd[kDana].shell = "/bin/sh"; }},
+                       {15, [] { databases.shadow[kEvan].hash = "!!"; }}};
+  EXPECT_EQ(play("account-change", steps),
+            (Texts{"group evan group=staffers", "password dana group=staffers",
+                   "password dana group=staffers", "password evan group=staffers"}));
 }
 
 TEST_F(AccountEvents, TellOfDeletedAccounts) {
   add_dana_and_evan();
-  start();
-  play("account-delete", {
-                             {2, [] { remove(databases.passwd, "dana"); }},
-                             {3, [] { remove(databases.shadow, "dana"); }},
-                             {6, [] { remove(databases.passwd, "evan"); }},
-                             {7,
-                              [] {
-                                remove(databases.shadow, "evan");
-                                remove(databases.group, "evan");
-                              }},
-                         });
-  EXPECT_EQ(events(), (Texts{"deleted dana group=staffers", "deleted evan group=evan"}));
-}
-
-// What useradd and userdel do to the shadow file is left out: a change that came with it alone is
-// told at the next comparison.
-TEST_F(AccountEvents, DoNotFollowTheAccountToolsShadowFile) {
-  start();
-  play("account-add", {{7, [] { hash_of("alice") = "!"; }}});
-  EXPECT_EQ(events(), Texts{});
-  end_passwd_rename();
-  EXPECT_EQ(events(), Texts{"password alice group=alice"});
+  const Steps steps = {{2, [] { remove(databases.passwd, "dana"); }},
+                       {3, [] { remove(databases.shadow, "dana"); }},
+                       {6, [] { remove(databases.passwd, "evan"); }},
+                       {7, [] { remove(databases.shadow, "evan"); }}};
+  EXPECT_EQ(play("account-delete", steps),
+            (Texts{"deleted dana group=staffers", "deleted evan group=evan"}));
 }
 
 TEST_F(AccountEvents, ReachTheCallbacksThatAskedForThem) {
@@ -171,9 +128,9 @@ TEST_F(AccountEvents, ReachTheCallbacksThatAskedForThem) {
             0);
   add_dana_and_evan();
   end_passwd_rename();
-  account("dana").gid = 0;
-  hash_of("dana") = "$y$d";
-  hash_of("alice") = "$y$b";
+  databases.passwd[kDana].gid = 0;
+  databases.shadow[kDana].hash = "$y$d";
+  databases.shadow[kAlice].hash = "$y$b";
   end_passwd_rename();
   EXPECT_EQ(test::texts_of(all), (Texts{"added dana group=staffers", "added evan group=evan",
                                         "password alice group=alice", "password dana group=root",
@@ -183,17 +140,30 @@ TEST_F(AccountEvents, ReachTheCallbacksThatAskedForThem) {
   EXPECT_EQ(test::texts_of(dana), (Texts{"added dana group=staffers", "group dana group=root"}));
 }
 
-TEST_F(AccountEvents, RunAnAccountsOwnCallbacksFirst) {
-  ASSERT_EQ(qel_user_reg_callback(nullptr, kEverything, test::note_user, &lines_), 0);
-  const auto note_own = [](const qel_user_info* event, void* lines) {
-    test::note_user(event, lines);
-    static_cast<std::vector<test::EventLine>*>(lines)->back().text += " (own)";
+// What is written after the event of its open is seen when no messages wait any more; also what
+// comes while accounts are compared.
+TEST_F(AccountEvents, TellOfLateWrites) {
+  start();
+  const auto add_frank = [](const qel_user_info*, void* passwd) {
+    add_account("frank", 2003, 0);
+    static_cast<test::ScratchFile*>(passwd)->append("frank");
     return 0;
   };
-  ASSERT_GE(qel_user_reg_callback("alice", kEverything, note_own, &lines_), 0);
-  account("alice").gid = 0;
+  ASSERT_GE(qel_user_reg_callback("dana", QEL_USER_ADDED, add_frank, &passwd_), 0);
   end_passwd_rename();
-  EXPECT_EQ(events(), (Texts{"group alice group=root (own)", "group alice group=root"}));
+  add_dana_and_evan();
+  passwd_.append("dana");
+  for (int i = 0; i < 100; ++i) offline::feed(AUDIT_CWD, "audit(1.0:9): cwd=\"/\"");
+  for (int i = 0; i < 100; ++i) {
+    offline::advance_clock(110ms);
+    EXPECT_EQ(test::poll_once(), 1);
+  }
+  EXPECT_EQ(lines_.size(), 0U);
+  EXPECT_EQ(test::poll_once(), 0);
+  EXPECT_EQ(test::texts_of(lines_), kBothAdded);
+  offline::advance_clock(100ms);
+  test::poll_all();
+  EXPECT_EQ(lines_.size(), 3U);
 }
 
 // A callback stops the library in the middle of a comparison: what it has begun is finished, and
@@ -207,31 +177,28 @@ TEST_F(AccountEvents, AreAllToldWhenACallbackStopsTheLibrary) {
   ASSERT_GE(qel_user_reg_callback("dana", kEverything, stop, nullptr), 0);
   add_dana_and_evan();
   end_passwd_rename();
-  EXPECT_EQ(events(), (Texts{"added dana group=staffers", "added evan group=evan"}));
+  EXPECT_EQ(test::texts_of(lines_), kBothAdded);
   EXPECT_FALSE(offline::is_open());
   start();
-  end_passwd_rename();
-  EXPECT_EQ(events().size(), 2U);
-}
-
-// ---- Watches -----------------------------------------------------------------------------------
-
-std::vector<std::string> watches() {
-  std::vector<std::string> texts;
-  for (const offline::Rule& rule : offline::rules()) texts.emplace_back(rule->buf, rule->buflen);
-  std::sort(texts.begin(), texts.end());
-  return texts;
+  databases.passwd[kDana].gid = 0;
+  passwd_.append("dana");
+  offline::advance_clock(200ms);
+  test::poll_all();
+  EXPECT_EQ(test::texts_of(lines_), kBothAdded);
 }
 
 TEST_F(AccountEvents, WatchTheFilesThatTheMaskNeeds) {
-  ASSERT_EQ(qel_user_reg_callback(nullptr, QEL_USER_GROUP, test::note_user, &lines_), 0);
-  EXPECT_EQ(watches(), Texts{"/etc/passwdpasswd_rule"});
-  qel_audit_fini();
-  ASSERT_EQ(qel_user_reg_callback(nullptr, QEL_USER_PASSWORD, test::note_user, &lines_), 0);
-  EXPECT_EQ(watches(), Texts{"/etc/shadowshadow_rule"});
-  qel_audit_fini();
-  start();
-  EXPECT_EQ(watches(), (Texts{"/etc/passwdpasswd_rule", "/etc/shadowshadow_rule"}));
+  const auto watches = [this](int mask) {
+    qel_audit_fini();
+    EXPECT_EQ(qel_user_reg_callback(nullptr, mask, test::note_user, &lines_), 0);
+    std::set<std::string> texts;
+    for (const offline::Rule& rule : offline::rules()) texts.emplace(rule->buf, rule->buflen);
+    return texts;
+  };
+  const std::string passwd = "/etc/passwdpasswd_rule", shadow = "/etc/shadowshadow_rule";
+  EXPECT_EQ(watches(QEL_USER_GROUP), std::set{passwd});
+  EXPECT_EQ(watches(QEL_USER_PASSWORD), std::set{shadow});
+  EXPECT_EQ(watches(kEverything), (std::set{passwd, shadow}));
 }
 
 }  // namespace

@@ -2,63 +2,51 @@
 
 #include <arpa/inet.h>
 #include <dlfcn.h>
-#include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <shadow.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
-#include <span>
 #include <stdexcept>
 
 namespace test {
 
 Databases databases;
 Walks walks;
+int stat_calls;
 
 namespace {
 
-constexpr const char* kWatched[] = {"/etc/passwd", "/etc/shadow", "/var/log/wtmp"};
+using Paths = std::map<std::string, std::string>;
 
-std::map<std::string, std::string> redirections;
-std::map<std::string, int> stats;
+const Paths kNoWatchedFiles = {{"/etc/passwd", "/nonexistent/passwd"},
+                               {"/etc/shadow", "/nonexistent/shadow"},
+                               {"/var/log/wtmp", "/nonexistent/wtmp"}};
+
+Paths redirections = kNoWatchedFiles;
 bool utmpname_fails;
-std::size_t next_passwd, next_shadow, next_group;
 
-// The path to use in place of this one, or null for a watched file that the test has not given.
 const char* real_path(const char* path) {
   const auto found = redirections.find(path);
-  if (found != redirections.end()) return found->second.c_str();
-  const bool watched = std::any_of(std::begin(kWatched), std::end(kWatched),
-                                   [path](const char* w) { return std::strcmp(w, path) == 0; });
-  return watched ? nullptr : path;
+  return found != redirections.end() ? found->second.c_str() : path;
 }
 
-void write_records(const std::string& path, const std::vector<struct utmp>& records,
-                   std::ios::openmode mode) {
-  std::ofstream file(path, std::ios::binary | mode);
-  const auto bytes = std::as_bytes(std::span(records));
-  file.write(reinterpret_cast<const char*>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
-  if (!file.flush()) throw std::runtime_error("cannot write " + path);
+// The entry that a walk comes to next, or null at the end.
+template <typename Entry>
+Entry* next_of(std::vector<Entry>& entries, Walk& walk) {
+  return walk.next < entries.size() ? &entries[walk.next++] : nullptr;
 }
 
 }  // namespace
 
 void redirect(const std::string& path, const std::string& to) {
   redirections[path] = to;
-}
-
-int stat_calls(const std::string& path) {
-  return stats[path];
 }
 
 void fail_utmpname(bool fails) {
@@ -68,8 +56,8 @@ void fail_utmpname(bool fails) {
 void reset_databases() {
   databases = {};
   walks = {};
-  redirections.clear();
-  stats.clear();
+  redirections = kNoWatchedFiles;
+  stat_calls = 0;
   utmpname_fails = false;
 }
 
@@ -85,6 +73,21 @@ ScratchFile::~ScratchFile() {
   unlink(path_.c_str());
 }
 
+void ScratchFile::append(const std::string& text) const {
+  std::ofstream(path_, std::ios::app) << text;
+}
+
+void ScratchFile::set_time(timespec modified) const {
+  const timespec times[] = {modified, modified};
+  if (utimensat(AT_FDCWD, path_.c_str(), times, 0) != 0) throw std::runtime_error(path_);
+}
+
+void ScratchFile::replace() const {
+  const ScratchFile other;
+  std::filesystem::resize_file(other.path(), std::filesystem::file_size(path_));
+  std::filesystem::rename(other.path(), path_);
+}
+
 struct utmp utmp_record(short type, pid_t pid, const std::string& line, const std::string& user,
                         std::int32_t time_s, const std::string& address) {
   struct utmp record = {};
@@ -93,31 +96,16 @@ struct utmp utmp_record(short type, pid_t pid, const std::string& line, const st
   line.copy(record.ut_line, sizeof(record.ut_line));
   user.copy(record.ut_user, sizeof(record.ut_user));
   record.ut_tv.tv_sec = time_s;
-  if (!address.empty() && inet_pton(AF_INET, address.c_str(), record.ut_addr_v6) != 1) {
-    throw std::invalid_argument(address);
-  }
+  record.ut_addr_v6[0] = static_cast<std::int32_t>(inet_addr(address.c_str()));
   return record;
 }
 
-struct utmp login_record(pid_t pid, const std::string& line, const std::string& user,
-                         std::int32_t time_s, const std::string& address) {
-  return utmp_record(USER_PROCESS, pid, line, user, time_s, address);
-}
-
-struct utmp logout_record(pid_t pid, const std::string& line, std::int32_t time_s) {
-  return utmp_record(DEAD_PROCESS, pid, line, "", time_s);
-}
-
-struct utmp system_record(const std::string& user, std::int32_t time_s) {
-  return utmp_record(user == "reboot" ? BOOT_TIME : RUN_LVL, 0, "~", user, time_s);
-}
-
-void write_wtmp(const std::string& path, const std::vector<struct utmp>& records) {
-  write_records(path, records, std::ios::trunc);
-}
-
-void append_wtmp(const std::string& path, const std::vector<struct utmp>& records) {
-  write_records(path, records, std::ios::app);
+void write_wtmp(const std::string& path, const std::vector<struct utmp>& records,
+                std::ios::openmode mode) {
+  std::ofstream file(path, std::ios::binary | mode);
+  file.write(reinterpret_cast<const char*>(records.data()),
+             static_cast<std::streamsize>(records.size() * sizeof(struct utmp)));
+  if (!file.flush()) throw std::runtime_error("cannot write " + path);
 }
 
 }  // namespace test
@@ -125,87 +113,61 @@ void append_wtmp(const std::string& path, const std::vector<struct utmp>& record
 using test::databases;
 using test::walks;
 
-namespace {
-
-char no_text[] = "";
-
-char* text(std::string& s) {
-  return s.data();
-}
-
-}  // namespace
-
 extern "C" {
 
 void setpwent() {
-  ++walks.passwd_started;
-  test::next_passwd = 0;
+  walks.passwd = {walks.passwd.started + 1, walks.passwd.ended, 0};
 }
 void endpwent() {
-  ++walks.passwd_ended;
+  ++walks.passwd.ended;
 }
 struct passwd* getpwent() {
   static struct passwd entry;
-  if (test::next_passwd >= databases.passwd.size()) return nullptr;
-  test::Account& account = databases.passwd[test::next_passwd++];
-  entry = {.pw_name = text(account.name),
-           .pw_passwd = text(account.passwd),
-           .pw_uid = account.uid,
-           .pw_gid = account.gid,
-           .pw_gecos = text(account.gecos),
-           .pw_dir = text(account.dir),
-           .pw_shell = text(account.shell)};
+  test::Account* account = test::next_of(databases.passwd, walks.passwd);
+  if (account == nullptr) return nullptr;
+  auto& [name, uid, gid, password, gecos, dir, shell] = *account;
+  entry = {name.data(), password.data(), uid, gid, gecos.data(), dir.data(), shell.data()};
   return &entry;
 }
 
 void setspent() {
-  ++walks.shadow_started;
-  test::next_shadow = 0;
+  walks.shadow = {walks.shadow.started + 1, walks.shadow.ended, 0};
 }
 void endspent() {
-  ++walks.shadow_ended;
+  ++walks.shadow.ended;
 }
 struct spwd* getspent() {
   static struct spwd entry;
-  if (test::next_shadow >= databases.shadow.size()) return nullptr;
-  test::Shadow& shadow = databases.shadow[test::next_shadow++];
+  test::Shadow* shadow = test::next_of(databases.shadow, walks.shadow);
+  if (shadow == nullptr) return nullptr;
   entry = {};
-  entry.sp_namp = text(shadow.name);
-  entry.sp_pwdp = text(shadow.hash);
+  entry.sp_namp = shadow->name.data();
+  entry.sp_pwdp = shadow->hash.data();
   return &entry;
 }
 
 void setgrent() {
-  ++walks.group_started;
-  test::next_group = 0;
+  walks.group = {walks.group.started + 1, walks.group.ended, 0};
 }
 void endgrent() {
-  ++walks.group_ended;
+  ++walks.group.ended;
 }
 struct group* getgrent() {
   static struct group entry;
-  if (test::next_group >= databases.group.size()) return nullptr;
-  test::Group& group = databases.group[test::next_group++];
-  entry = {
-      .gr_name = text(group.name), .gr_passwd = no_text, .gr_gid = group.gid, .gr_mem = nullptr};
+  test::Group* group = test::next_of(databases.group, walks.group);
+  if (group == nullptr) return nullptr;
+  entry = {group->name.data(), nullptr, group->gid, nullptr};
   return &entry;
 }
 
 int stat(const char* path, struct stat* status) {
-  ++test::stats[path];
-  const char* real = test::real_path(path);
-  if (real == nullptr) {
-    errno = ENOENT;
-    return -1;
-  }
-  return fstatat(AT_FDCWD, real, status, 0);
+  if (test::redirections.contains(path)) ++test::stat_calls;
+  return fstatat(AT_FDCWD, test::real_path(path), status, 0);
 }
 
 int utmpname(const char* path) {
-  const char* real = test::real_path(path);
-  if (test::utmpname_fails) return -1;
   static auto* const libc_utmpname =
       reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "utmpname"));
-  return libc_utmpname(real != nullptr ? real : "/nonexistent/wtmp");
+  return test::utmpname_fails ? -1 : libc_utmpname(test::real_path(path));
 }
 }

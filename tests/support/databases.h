@@ -4,9 +4,12 @@
 #pragma once
 
 #include <sys/types.h>
+#include <time.h>
 #include <utmp.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <ios>
 #include <string>
 #include <vector>
 
@@ -16,14 +19,10 @@ struct Account {
   std::string name;
   uid_t uid;
   gid_t gid;
-  std::string passwd = "x";
-  std::string gecos = "";
-  std::string dir = "";
-  std::string shell = "";
+  std::string passwd = "x", gecos = "", dir = "", shell = "";
 };
 struct Shadow {
-  std::string name;
-  std::string hash;
+  std::string name, hash;
 };
 struct Group {
   std::string name;
@@ -38,11 +37,13 @@ struct Databases {
 };
 extern Databases databases;
 
-// How often each enumeration was started and ended.
+// How often an enumeration was started and ended, and where it stands.
+struct Walk {
+  int started, ended;
+  std::size_t next;
+};
 struct Walks {
-  int passwd_started, passwd_ended;
-  int shadow_started, shadow_ended;
-  int group_started, group_ended;
+  Walk passwd, shadow, group;
 };
 extern Walks walks;
 
@@ -50,8 +51,8 @@ extern Walks walks;
 // file for "/var/log/wtmp". Without one, the three watched files are not there (ENOENT).
 void redirect(const std::string& path, const std::string& to);
 
-// How often stat was called for this path.
-int stat_calls(const std::string& path);
+// How often stat was called for a watched or redirected path.
+extern int stat_calls;
 
 // Has utmpname fail until further notice.
 void fail_utmpname(bool fails);
@@ -67,6 +68,10 @@ class ScratchFile {
   ScratchFile(const ScratchFile&) = delete;
   ScratchFile& operator=(const ScratchFile&) = delete;
   const std::string& path() const { return path_; }
+  void append(const std::string& text) const;
+  void set_time(timespec modified) const;
+  // Puts another file of the same size in its place.
+  void replace() const;
 
  private:
   std::string path_;
@@ -75,15 +80,10 @@ class ScratchFile {
 // A wtmp record. `user` and `line` are cut to their 32 bytes and not terminated when they fill
 // them.
 struct utmp utmp_record(short type, pid_t pid, const std::string& line, const std::string& user,
-                        std::int32_t time_s, const std::string& address = "");
-// The records of a login, of its end and of a start of the system.
-struct utmp login_record(pid_t pid, const std::string& line, const std::string& user,
-                         std::int32_t time_s, const std::string& address = "");
-struct utmp logout_record(pid_t pid, const std::string& line, std::int32_t time_s);
-struct utmp system_record(const std::string& user, std::int32_t time_s);
+                        std::int32_t time_s, const std::string& address = "0.0.0.0");
 
-// Writes, or appends, the records to a file.
-void write_wtmp(const std::string& path, const std::vector<struct utmp>& records);
-void append_wtmp(const std::string& path, const std::vector<struct utmp>& records);
+// Writes the records to a file; std::ios::app appends them.
+void write_wtmp(const std::string& path, const std::vector<struct utmp>& records,
+                std::ios::openmode mode = std::ios::trunc);
 
 }  // namespace test

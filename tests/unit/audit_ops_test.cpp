@@ -1,5 +1,5 @@
-// The operations of the five event classes: filters, keys and their tables, the runners with their
-// log lines, and the texts of socket addresses.
+// The operations of the five event classes: hashes and texts of filters and keys, the runners with
+// their log lines, and the texts of socket addresses. What filters let pass is seen with real events.
 #include "audit_ops.h"
 
 #include <arpa/inet.h>
@@ -24,34 +24,23 @@ constexpr std::uint32_t kAny = 0xffffffff;
 static_assert(offsetof(event_class_ops, set_filter) == 16 &&
               offsetof(event_class_ops, set_key) == 64 && offsetof(event_class_ops, run) == 72);
 
-// ---- Filters and keys --------------------------------------------------------------------------
-
-TEST(Filters, LetTheEventsPassThatWereAskedFor) {
-  constexpr struct {
-    int event_class;
-    std::uint32_t registered, value;
-    bool passes;
-  } kCases[] = {{QEL_CLASS_LOGIN, 2, 1, false},     {QEL_CLASS_LOGIN, 3, 1, true},
-                {QEL_CLASS_USER, 1, 2, false},      {QEL_CLASS_USER, 12, 8, true},
-                {QEL_CLASS_USER, kAny, 4, true},    {QEL_CLASS_SYSCALL, 0, 0, true},
-                {QEL_CLASS_SYSCALL, 0, 1, false},   {QEL_CLASS_SYSCALL, 1, 0, false},
-                {QEL_CLASS_SYSCALL, kAny, 0, true}, {QEL_CLASS_SYSCALL, kAny, 1, true},
-                {QEL_CLASS_EXECVE, 0, 1, true},     {QEL_CLASS_BIND, 5, 0, true}};
-  for (const auto& [event_class, registered, value, passes] : kCases) {
-    EXPECT_EQ(audit_ops[event_class]->filter_match(&registered, &value) == 0, passes)
-        << audit_ops[event_class]->name << " " << registered << " " << value;
-  }
-}
-
 TEST(Filters, HaveTextsInBuffersOfTheirOwn) {
   const std::uint32_t three = 3, any = kAny;
   const char* login = audit_ops[QEL_CLASS_LOGIN]->filter_to_string(&three);
-  const char* user = audit_ops[QEL_CLASS_USER]->filter_to_string(&any);
+  EXPECT_STREQ(audit_ops[QEL_CLASS_USER]->filter_to_string(&any), "event=4294967295");
   EXPECT_STREQ(login, "event=3");
-  EXPECT_STREQ(user, "event=4294967295");
 }
 
-TEST(Keys, OfTextsHashUnsignedBytesAndTheTerminatorAndOfPortsTwoBytesOfTheirSlot) {
+TEST(Filters, OfASystemCallIsItsSuccessAndNotItsResult) {
+  syscall_event event = {};
+  event.info.success = 1;
+  event.info.result = 7;
+  std::uint32_t filter = 0;
+  set_syscall_filter_func(&event, &filter);
+  EXPECT_EQ(filter, 1U);
+}
+
+TEST(Keys, HashUnsignedBytesAndTheTerminatorAndPortsOnlyTheirTwoBytes) {
   const key_slot text = {.text = "a\xff"};
   key_slot port = {}, same;
   std::memset(&same, 0xaa, sizeof(same));
@@ -59,42 +48,26 @@ TEST(Keys, OfTextsHashUnsignedBytesAndTheTerminatorAndOfPortsTwoBytesOfTheirSlot
   EXPECT_EQ(audit_hash_func[QEL_CLASS_SYSCALL].hash(&text, 0), ((175494U + 97) * 33 + 255) * 33);
   EXPECT_EQ(audit_hash_func[QEL_CLASS_BIND].hash(&same, 0), htons(80));
   EXPECT_EQ(audit_hash_func[QEL_CLASS_BIND].compare(&port, 0, &same, 8), 0);
+  const key_slot more = {.text = "allx"};
+  EXPECT_EQ(audit_ops[QEL_CLASS_SYSCALL]->key_is_global(&more), 0) << "only all stands for all";
 }
 
-TEST(Keys, AllStandsForEverySystemCallAndNothingLonger) {
-  const key_slot all = {.text = "all"}, more = {.text = "allx"}, empty = {.text = ""};
-  EXPECT_NE(audit_ops[QEL_CLASS_SYSCALL]->key_is_global(&all), 0);
-  EXPECT_EQ(audit_ops[QEL_CLASS_SYSCALL]->key_is_global(&more), 0);
-  EXPECT_EQ(audit_ops[QEL_CLASS_EXECVE]->key_is_global(&all), 0);
-  EXPECT_NE(audit_ops[QEL_CLASS_EXECVE]->key_is_global(&empty), 0);
-}
-
-// ---- Runners -----------------------------------------------------------------------------------
-
-// What the callback was called with, and the log as it was by then.
-struct {
-  const void* info;
-  std::string log;
-} called;
+std::string logged;  // by the time the callback was called
 
 template <typename Info>
-int keep_call(const Info* info, void* arg) {
-  called = {info, test::log_text(QEL_LOG_DEBUG)};
-  EXPECT_EQ(arg, &called);
+int keep_log(const Info*, void* info) {
+  logged = test::log_text(QEL_LOG_DEBUG) + (info != nullptr ? "" : "without its argument");
   return -1;
 }
 
 // Runs a callback and returns the line that was logged before it was called.
 template <typename Event>
 std::string run(const Event& event) {
-  using Info = std::remove_cvref_t<decltype(event.info)>;
-  int (*const callback)(const Info*, void*) = keep_call<Info>;
-  const callback_pair pair = {reinterpret_cast<void (*)()>(callback), &called};
+  int (*const callback)(const std::remove_cvref_t<decltype(event.info)>*, void*) = keep_log;
+  const callback_pair pair = {reinterpret_cast<void (*)()>(callback), &logged};
   test::clear_log();
   audit_ops[event.type]->run(&event, &pair);
-  EXPECT_EQ(called.info, &event.info) << "the address of the fields behind the type";
-  EXPECT_EQ(test::log_lines().size(), 1U);
-  return called.log;
+  return logged;
 }
 
 sockaddr_in inet_address(const char* text, std::uint16_t port) {
@@ -107,7 +80,6 @@ sockaddr_in inet_address(const char* text, std::uint16_t port) {
 
 TEST(Runners, LogTheEventAndCallTheCallback) {
   setenv("TZ", "UTC", 1);
-  tzset();
   login_event login = {QEL_CLASS_LOGIN, 0, {}};
   login.info = {1,  1,     4000000000, "root",    "sshd", inet_address("192.0.2.7", 0).sin_addr,
                 {}, "eve", "pts/3",    1714557604};
@@ -128,6 +100,15 @@ TEST(Runners, LogTheEventAndCallTheCallback) {
             "user=eve, process=cat, syscall=openat, arg1=ffffffffffffff9c, arg2=7ffd, arg3=1f, "
             "arg4=a\n");
 
+  char texts[5][4] = {"ls", "-l", "/", "x", "y"};
+  char* argv[] = {texts[0], texts[1], texts[2], texts[3], texts[4]};
+  execve_event execution = {QEL_CLASS_EXECVE, 0, {-2, 1, 2, "eve", "ls", 5, argv}};
+  EXPECT_EQ(run(execution),
+            "audit_ops: run_execve_callback: result=-2, ppid=1, pid=2, user=eve, process=ls, "
+            "argc=5, argv[0]=ls, argv[1]=-l, argv[2]=/, argv[3]=x\n");
+  execution.info.argc = 1;
+  EXPECT_TRUE(run(execution).ends_with("argc=1, argv[0]=ls, argv[1]=, argv[2]=, argv[3]=\n"));
+
   bind_event bind = {QEL_CLASS_BIND, 0, {-98, 1, 2, "eve", "nc", {}}};
   const sockaddr_in address = inet_address("10.200.0.255", 8080);
   std::memcpy(&bind.info.addr, &address, sizeof(address));
@@ -135,26 +116,6 @@ TEST(Runners, LogTheEventAndCallTheCallback) {
             "audit_ops: run_bind_callback: result=-98, ppid=1, pid=2, user=eve, process=nc, "
             "family=2, addr=10.200.0.255, port=8080\n");
 }
-
-TEST(Runners, OfExecutionsShowTheFirstFourArguments) {
-  char texts[5][4] = {"ls", "-l", "/", "x", "y"};
-  char* argv[] = {texts[0], texts[1], texts[2], texts[3], texts[4]};
-  const struct {
-    int argc;
-    const char* shown;
-  } cases[] = {{-5, "argv[0]=, argv[1]=, argv[2]=, argv[3]="},
-               {1, "argv[0]=ls, argv[1]=, argv[2]=, argv[3]="},
-               {3, "argv[0]=ls, argv[1]=-l, argv[2]=/, argv[3]="},
-               {5, "argv[0]=ls, argv[1]=-l, argv[2]=/, argv[3]=x"}};
-  for (const auto& [argc, shown] : cases) {
-    EXPECT_EQ(run(execve_event{QEL_CLASS_EXECVE, 0, {-2, 1, 2, "eve", "ls", argc, argv}}),
-              "audit_ops: run_execve_callback: result=-2, ppid=1, pid=2, user=eve, process=ls, "
-              "argc=" +
-                  std::to_string(argc) + ", " + shown + "\n");
-  }
-}
-
-// ---- Socket addresses --------------------------------------------------------------------------
 
 template <typename Address>
 std::string bytes_of(const Address& address, const std::string& rest = "") {
@@ -164,7 +125,7 @@ std::string bytes_of(const Address& address, const std::string& rest = "") {
 TEST(SocketAddresses, HaveTextsAndPortsByFamily) {
   sockaddr_in6 inet6 = {AF_INET6, htons(443), kAny, {}, 0};
   inet_pton(AF_INET6, "2001:db8::7", &inet6.sin6_addr);
-  constexpr sa_family_t kUnix = AF_UNIX, kNone = AF_UNSPEC, kOther = AF_VSOCK;
+  constexpr sa_family_t kUnix = AF_UNIX, kOther = AF_VSOCK;
   const struct {
     std::string bytes;  // as the kernel reports them
     const char* text;
@@ -173,10 +134,8 @@ TEST(SocketAddresses, HaveTextsAndPortsByFamily) {
                {bytes_of(kUnix, std::string("\0name", 5)), "", 0},
                {bytes_of(inet_address("192.0.2.7", 8080)), "192.0.2.7", 8080},
                {bytes_of(inet6), "2001:db8::7", 443},
-               {bytes_of(sockaddr_nl{AF_NETLINK, 0, 123, 0}), "123.0", 0},
                {bytes_of(sockaddr_nl{AF_NETLINK, 0, kAny, 0xdeadbeef}), "-1.deadbeef", 0},
                {bytes_of(sockaddr_ll{AF_PACKET, 0x0300, 2, 0, 0, 0, {}}), "2.300", 0},
-               {bytes_of(kNone, "\x1f\x90xxxxxx"), "", 0},
                {bytes_of(kOther, "\x1f\x90xxxxxx"), "", 0}};
   for (const auto& [bytes, text, port] : cases) {
     sockaddr_storage storage = {};

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -24,30 +25,6 @@ using offline::Rule;
 
 constexpr int kRefused = -EPERM;
 constexpr char kRecord[] = "audit(1700000000.000:1): cwd=\"/\"";
-
-// What is set in a rule: "FLAGS,ACTION FIELDS [FIELD=VALUE]... @FIRST_SYSCALL*COUNT TEXT".
-std::string bits_of(const audit_rule_data& rule) {
-  std::ostringstream text;
-  text << rule.flags << "," << rule.action << " " << rule.field_count;
-  for (std::size_t i = 0; i < AUDIT_MAX_FIELDS; ++i) {
-    if ((rule.fields[i] | rule.values[i] | rule.fieldflags[i]) == 0) continue;
-    const char* op = rule.fieldflags[i] == AUDIT_EQUAL ? "=" : "?";
-    text << " [" << rule.fields[i] << op << rule.values[i] << "]";
-  }
-  unsigned first = 0, count = 0;
-  for (unsigned i = 0; i < AUDIT_BITMASK_SIZE * 32; ++i) {
-    if ((rule.mask[i / 32] >> (i % 32) & 1) != 0 && count++ == 0) first = i;
-  }
-  text << " @" << first << "*" << count << " " << std::string(rule.buf, rule.buflen);
-  return text.str();
-}
-
-// The request with this index, as "+" or "-" and its bits.
-std::string request(std::size_t index) {
-  const auto& requests = offline::requests();
-  if (index >= requests.size()) return "nothing";
-  return (requests[index].add ? "+" : "-") + bits_of(*requests[index].rule);
-}
 
 // A rule of somebody else.
 Rule foreign_rule(std::uint32_t uid, std::uint32_t list = AUDIT_FILTER_EXIT,
@@ -74,11 +51,7 @@ void feed_reply(int type, const Payload& payload, std::uint32_t sequence) {
 
 // The errors since the log was cleared, without their source.
 std::string errors() {
-  std::string text;
-  for (const test::LogLine& line : test::log_lines()) {
-    if (line.level == QEL_LOG_ERROR) text += line.message;
-  }
-  return text;
+  return std::regex_replace(test::errors(), std::regex("audit_rule: "), "");
 }
 
 class AuditRule : public test::OfflineTest {
@@ -105,8 +78,6 @@ TEST_F(AuditRule, SetUpTakesTheReceiversRoleAndDeletesTheRulesOfOthersAndTearDow
   offline::preload_rule(*foreign_rule(9, AUDIT_FILTER_EXCLUDE, AUDIT_NEVER));
   offline::preload_rule(*foreign_rule(5, AUDIT_FILTER_USER));
   EXPECT_EQ(open(), "LIST_RULES: user,always uid=5 (0x5)\nLIST_RULES: exclude,never uid=9 (0x9)\n");
-  EXPECT_EQ(request(0), "-0,2 1 [1=5] @0*1 ");
-  EXPECT_EQ(request(1), "-5,0 1 [1=9] @0*1 ");
   EXPECT_TRUE(offline::rules().empty());
   EXPECT_EQ(offline::receiver_pid(), static_cast<std::uint32_t>(getpid()));
   EXPECT_EQ(offline::enabled(), 1U);
@@ -124,51 +95,29 @@ TEST_F(AuditRule, SetUpTakesTheReceiversRoleAndDeletesTheRulesOfOthersAndTearDow
 // The number of the failing call tells the order of the steps as well.
 TEST_F(AuditRule, AFailingStepOfTheSetUpIsToldAndOnlyTheFirstOnesEndIt) {
   const std::string process = " failed, uid=4711 pid=" + std::to_string(getpid());
-  const std::string purge = "audit_request_rules_list_data failed\ndelete_all_audit_rules failed\n";
   const struct {
     unsigned number;
     int result;
     bool starts;
     std::string message;
-  } cases[] = {{1, -EMFILE, false, "audit_open failed: Too many open files\n"},
-               {2, -EEXIST, false, "audit_set_pid" + process},
-               {3, 2, false, "audit is locked\n"},
-               {4, kRefused, false, "audit_set_enabled" + process},
-               {5, kRefused, true, "audit_set_rate_limit failed\n"},
-               {5, 0, true, "audit_set_rate_limit failed\n"},
-               {6, kRefused, true, "audit_set_backlog_limit failed\n"},
-               {6, 0, true, "audit_set_backlog_limit failed\n"},
-               {7, kRefused, true, purge},
-               {7, 0, true, purge}};
+  } cases[] = {
+      {1, -EMFILE, false, "audit_open failed: Too many open files\n"},
+      {2, -EEXIST, false, "audit_set_pid" + process},
+      {3, 2, false, "audit is locked\n"},
+      {4, kRefused, false, "audit_set_enabled" + process},
+      {5, 0, true, "audit_set_rate_limit failed\n"},
+      {6, 0, true, "audit_set_backlog_limit failed\n"},
+      {7, 0, true, "audit_request_rules_list_data failed\ndelete_all_audit_rules failed\n"}};
   for (const auto& [number, result, starts, message] : cases) {
-    SCOPED_TRACE("call " + std::to_string(number) + " gives " + std::to_string(result));
+    SCOPED_TRACE(number);
     reset_kernel();
     offline::set_loginuid(4711);
     offline::fail_call_number(number, result);
     EXPECT_EQ(audit_subsys_init(), starts ? 0 : -1);
     EXPECT_EQ(errors(), message);
-    EXPECT_EQ(audit_fd >= 0, starts);
     EXPECT_EQ(offline::is_open(), starts);
     EXPECT_EQ(offline::receiver_pid() != 0, starts);
-    EXPECT_EQ(offline::calls(Call::kRequestStatus), starts ? 1U : 0U);
     close();
-  }
-}
-
-// In one of the orders the first question only meets the acknowledgement of audit_set_pid.
-TEST_F(AuditRule, ALockedKernelIsRecognisedInEitherOrderAndLeftAsItIs) {
-  for (const auto order : {offline::AckOrder::kAckFirst, offline::AckOrder::kRecordFirst}) {
-    reset_kernel();
-    preload_three_rules();
-    offline::set_config_records(true);
-    offline::set_ack_order(order);
-    offline::set_locked(true);
-    EXPECT_EQ(audit_subsys_init(), -1);
-    EXPECT_EQ(errors(), "audit is locked\n");
-    EXPECT_FALSE(offline::is_open());
-    EXPECT_EQ(offline::receiver_pid(), 0U);
-    EXPECT_EQ(offline::calls(Call::kSetEnabled), 0U);
-    EXPECT_EQ(offline::rules().size(), 3U);
   }
 }
 
@@ -182,6 +131,7 @@ TEST_F(AuditRule, ALockedKernelIsRecognisedBehindUnreadMessages) {
   for (int i = 0; i < 100; ++i) offline::feed(AUDIT_CWD, kRecord);
   EXPECT_EQ(audit_subsys_init(), -1);
   EXPECT_EQ(errors(), "audit is locked\n");
+  EXPECT_EQ(offline::calls(Call::kSetEnabled), 1U) << "it is left as it is";
 }
 
 // ---- Purge -------------------------------------------------------------------------------------
@@ -192,12 +142,10 @@ TEST_F(AuditRule, ADeletionThatFailsLeavesTheRulesFromThereOn) {
   EXPECT_EQ(open(), "LIST_RULES: exit,always uid=1 (0x1) syscall=read\n");
   EXPECT_EQ(errors(),
             "deleting rule failed: Operation not permitted\ndelete_all_audit_rules failed\n");
-  ASSERT_EQ(offline::rules().size(), 2U);
-  EXPECT_EQ(offline::rules()[0]->values[0], 2U);
+  EXPECT_EQ(offline::rules().size(), 2U);
 }
 
 TEST_F(AuditRule, ASilentKernelIsGivenUpAfterFortyReadsOfWhichAReplyIsOne) {
-  preload_three_rules();
   offline::set_silent(true);
   open();
   EXPECT_EQ(offline::calls(Call::kGetReply), 40U);
@@ -206,7 +154,6 @@ TEST_F(AuditRule, ASilentKernelIsGivenUpAfterFortyReadsOfWhichAReplyIsOne) {
   offline::feed(AUDIT_CWD, kRecord);
   close();
   EXPECT_EQ(std::time(nullptr), test::kStart_s + 7) << "7.9 seconds";
-  EXPECT_EQ(offline::rules().size(), 3U);
 }
 
 TEST_F(AuditRule, AWaitIsRepeatedWhenInterruptedAndCountsAsAnEmptyReadWhenItFails) {
@@ -221,58 +168,46 @@ TEST_F(AuditRule, AWaitIsRepeatedWhenInterruptedAndCountsAsAnEmptyReadWhenItFail
 }
 
 TEST_F(AuditRule, RepliesToOtherRequestsAndRulesWhoseLengthLiesAreDropped) {
-  open();
+  start();
   ASSERT_EQ(audit_add_bind_rule(), 1);
   const auto sequence = static_cast<std::uint32_t>(audit_request_status(audit_fd)) + 1;
   const Rule liar = foreign_rule(9);
   feed_reply(AUDIT_LIST_RULES, *liar, 4000);
   feed_reply(NLMSG_ERROR, nlmsgerr{-ENOENT, {}}, 4000);
   offline::feed(NLMSG_DONE, {}, 4000);
-  offline::feed(AUDIT_CWD, kRecord);
   liar->buflen = 0x7fffffff;
   feed_reply(AUDIT_LIST_RULES, *liar, sequence);
   EXPECT_EQ(close(), "LIST_RULES: exit,always key=bind_rule syscall=bind\n");
-  EXPECT_EQ(offline::calls(Call::kDeleteRule), 1U);
   EXPECT_EQ(errors(), "");
 }
 
 TEST_F(AuditRule, AnErrorInTheListDeletesNothing) {
   start();
-  ASSERT_EQ(audit_add_bind_rule(), 1);
   const auto sequence = static_cast<std::uint32_t>(audit_request_status(audit_fd)) + 1;
   feed_reply(AUDIT_LIST_RULES, *foreign_rule(9), sequence);
   feed_reply(NLMSG_ERROR, nlmsgerr{kRefused, {}}, sequence);
   EXPECT_EQ(close(), "");
   EXPECT_EQ(errors(), "receiving rules list failed: Operation not permitted\n");
-  EXPECT_EQ(offline::calls(Call::kDeleteRule), 0U);
   EXPECT_EQ(audit_fd, -1) << "the connection is closed all the same";
 }
 
-// ---- An overrun socket -------------------------------------------------------------------------
-
 // The kernel has carried out, or refused, a request whose answer was dropped.
-TEST_F(AuditRule, ARequestWithoutAnAnswerCountsAsCarriedOut) {
+TEST_F(AuditRule, AnOverrunFailsNothingAndHasThePurgeRepeatedTenTimesAtMost) {
   for (const Call call :
-       {Call::kSetPid, Call::kSetEnabled, Call::kSetRateLimit, Call::kSetBacklogLimit}) {
+       {Call::kSetPid, Call::kSetEnabled, Call::kSetRateLimit, Call::kSetBacklogLimit,
+        Call::kGetReply, Call::kDeleteRule, Call::kRequestRules}) {
+    preload_three_rules();
     offline::fail(call, -ENOBUFS);
     open();
+    EXPECT_TRUE(offline::rules().empty());
     close();
   }
   start();
   offline::fail(Call::kAddRule, -ENOBUFS);
   EXPECT_EQ(audit_add_bind_rule(), 1);
+  close();
   EXPECT_EQ(errors(), "");
-}
 
-TEST_F(AuditRule, ThePurgeIsRepeatedAfterAnOverrunTenTimesAtMost) {
-  for (const Call call : {Call::kGetReply, Call::kDeleteRule, Call::kRequestRules}) {
-    preload_three_rules();
-    offline::fail(call, -ENOBUFS);
-    open();
-    EXPECT_TRUE(offline::rules().empty());
-    EXPECT_EQ(errors(), "");
-    close();
-  }
   preload_three_rules();
   const unsigned before = offline::calls(Call::kRequestRules);
   offline::fail(Call::kDeleteRule, -ENOBUFS, 1000);
@@ -292,94 +227,55 @@ TEST_F(AuditRule, AnOverrunIsForgottenWithItsConnection) {
 
 // ---- Rules loaded once -------------------------------------------------------------------------
 
-struct FixedRule {
-  const char* name;
-  int (*add)();
-  void (*remove)();
-  std::string bits;
-};
-
-class LoadedOnce : public AuditRule, public testing::WithParamInterface<FixedRule> {
- protected:
-  LoadedOnce() { start(); }
-  const FixedRule& rule_ = GetParam();
-};
-
-TEST_P(LoadedOnce, IsSentBitByBitAndTakenBackWithTheFlagsOfTheAddAndThenWithTheListedOnes) {
-  EXPECT_EQ(rule_.add(), 1);
-  EXPECT_EQ(rule_.add(), 0);
-  rule_.remove();
-  rule_.remove();
-  EXPECT_EQ(offline::requests().size(), 3U);
-  EXPECT_EQ(request(0), "+" + rule_.bits);
-  EXPECT_EQ(request(1), "-" + rule_.bits);
-  EXPECT_EQ(request(2), "-4" + rule_.bits.substr(2));
-  EXPECT_TRUE(offline::rules().empty());
-  EXPECT_EQ(rule_.add(), 1);
-  close();
-  start();
-  EXPECT_EQ(rule_.add(), 1);
-  EXPECT_EQ(errors(), "") << "only a second refusal is a failure";
+TEST_F(AuditRule, ARuleIsSentOnceAndCountsAsLoadedWhileTheKernelHasIt) {
+  // A rule with only a system call comes first: libaudit refuses its key until the process has
+  // built a permission field.
+  const struct {
+    int (*add)();
+    void (*remove)();
+    std::string line;  // as the purge tells it
+  } cases[] = {
+      {audit_add_execve_rule, audit_del_execve_rule, "key=execve_rule syscall=execve"},
+      {audit_add_bind_rule, audit_del_bind_rule, "key=bind_rule syscall=bind"},
+      {[] { return audit_add_syscall_rule("openat"); }, [] { audit_del_syscall_rule("openat"); },
+       "key=syscall_rule syscall=openat"},
+      {[] { return audit_add_syscall_rule(nullptr); }, [] { audit_del_syscall_rule(nullptr); },
+       "key=syscall_rule syscall=all"},
+      {audit_add_passwd_rule, audit_del_passwd_rule, "watch=/etc/passwd perm=wa key=passwd_rule"},
+      {audit_add_shadow_rule, audit_del_shadow_rule, "watch=/etc/shadow perm=wa key=shadow_rule"},
+      {audit_add_wtmp_rule, audit_del_wtmp_rule, "watch=/var/log/wtmp perm=wa key=wtmp_rule"}};
+  for (const auto& [add, remove, line] : cases) {
+    SCOPED_TRACE(line);
+    reset_kernel();
+    start();
+    offline::fail(Call::kAddRule, kRefused);
+    EXPECT_EQ(add(), -1);
+    remove();
+    EXPECT_EQ(offline::calls(Call::kDeleteRule), 0U) << "what is not loaded is not taken back";
+    EXPECT_EQ(add(), 1);
+    EXPECT_EQ(add(), 0);
+    offline::fail(Call::kDeleteRule, kRefused, 2);
+    remove();
+    EXPECT_EQ(errors(), "audit_add_rule_data failed\naudit_del_rule_data failed\n");
+    EXPECT_EQ(add(), 0);
+    remove();
+    remove();
+    EXPECT_TRUE(offline::rules().empty());
+    std::vector<std::uint32_t> flags;
+    for (const auto& request : offline::requests()) flags.push_back(request.flags);
+    EXPECT_EQ(flags, (std::vector<std::uint32_t>{20, 20, 20, 4, 20, 4}))
+        << "taken back with the flags of the add and then with the listed ones";
+    EXPECT_EQ(add(), 1);
+    offline::feed(AUDIT_CWD, kRecord);  // libaudit looks for the answer only at the first message
+    remove();
+    EXPECT_TRUE(offline::rules().empty());
+    EXPECT_EQ(add(), 1);
+    EXPECT_EQ(close(), "LIST_RULES: exit,always " + line + "\n");
+    start();
+    EXPECT_EQ(add(), 1) << "a stop forgets what was loaded";
+    close();
+  }
 }
-
-TEST_P(LoadedOnce, CountsAsLoadedWhileTheKernelHasIt) {
-  offline::fail(Call::kAddRule, kRefused);
-  EXPECT_EQ(rule_.add(), -1);
-  rule_.remove();
-  EXPECT_EQ(offline::calls(Call::kDeleteRule), 0U) << "what is not loaded is not taken back";
-  EXPECT_EQ(rule_.add(), 1);
-  offline::fail(Call::kDeleteRule, kRefused, 2);
-  rule_.remove();
-  EXPECT_EQ(errors(), "audit_add_rule_data failed\naudit_del_rule_data failed\n");
-  EXPECT_EQ(rule_.add(), 0);
-  offline::fail(Call::kDeleteRule, 0);
-  rule_.remove();
-  EXPECT_EQ(offline::calls(Call::kDeleteRule), 3U) << "the first form was taken";
-}
-
-const FixedRule kFixedRules[] = {
-    {"Execve", audit_add_execve_rule, audit_del_execve_rule, "20,2 1 [210=11] @59*1 execve_rule"},
-    {"Bind", audit_add_bind_rule, audit_del_bind_rule, "20,2 1 [210=9] @49*1 bind_rule"},
-    {"Openat", [] { return audit_add_syscall_rule("openat"); },
-     [] { audit_del_syscall_rule("openat"); }, "20,2 1 [210=12] @257*1 syscall_rule"},
-    {"AllSyscalls", [] { return audit_add_syscall_rule(nullptr); },
-     [] { audit_del_syscall_rule(nullptr); }, "20,2 1 [210=12] @0*2048 syscall_rule"},
-    {"Passwd", audit_add_passwd_rule, audit_del_passwd_rule,
-     "20,2 3 [105=11] [106=10] [210=11] @0*2048 /etc/passwdpasswd_rule"},
-    {"Shadow", audit_add_shadow_rule, audit_del_shadow_rule,
-     "20,2 3 [105=11] [106=10] [210=11] @0*2048 /etc/shadowshadow_rule"},
-    {"Wtmp", audit_add_wtmp_rule, audit_del_wtmp_rule,
-     "20,2 3 [105=13] [106=10] [210=9] @0*2048 /var/log/wtmpwtmp_rule"},
-};
-
-INSTANTIATE_TEST_SUITE_P(EachRule, LoadedOnce, testing::ValuesIn(kFixedRules),
-                         [](const auto& test) { return test.param.name; });
-
-// libaudit looks only at the first waiting message for the kernel's refusal of the first form.
-TEST_F(AuditRule, ARuleIsTakenBackWhenAnotherMessageHidesTheAnswer) {
-  start();
-  ASSERT_EQ(audit_add_bind_rule(), 1);
-  offline::feed(AUDIT_CWD, kRecord);
-  audit_del_bind_rule();
-  EXPECT_TRUE(offline::rules().empty());
-  EXPECT_EQ(errors(), "");
-}
-
-// Until a process has built a permission field, libaudit refuses keys on rules with only a system
-// call, so this needs a process of its own.
-TEST(FirstKeyOfAProcess, IsAcceptedOnASyscallRule) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto add_first_rule = [] {
-    offline::switch_on();
-    audit_subsys_init();
-    audit_add_execve_rule();
-    std::fprintf(stderr, "%s", request(0).c_str());
-    std::exit(0);
-  };
-  EXPECT_EXIT(add_first_rule(), testing::ExitedWithCode(0), "20,2 1 .210=11. @59.1 execve_rule");
-}
-
-// ---- System call rules -------------------------------------------------------------------------
 
 TEST_F(AuditRule, NoNameStandsForEverySystemCallAndSomeNamesAreRefused) {
   start();
@@ -418,8 +314,6 @@ TEST_F(AuditRule, TheRegistryHoldsCopiesOf256Names) {
   EXPECT_EQ(add(255), -1) << "full again";
 }
 
-// ---- Watches -----------------------------------------------------------------------------------
-
 TEST_F(AuditRule, PathsAndPermissionsOfWatchesAreCheckedBeforeTheyAreSent) {
   std::string longest;
   while (longest.size() < 4095) longest += "/" + std::string(255, 'x');
@@ -432,15 +326,12 @@ TEST_F(AuditRule, PathsAndPermissionsOfWatchesAreCheckedBeforeTheyAreSent) {
   } cases[] = {
       {longest + "y", "wa", "path too long\n", ""},
       {longest, "wa", missing(longest), "105 " + longest + " 10"},
-      {"etc/../" + name + "*", "wa", "must use absolute path\n", ""},
-      {"/../" + name + "*//", "wa", "dirname or filename too long\n", ""},
+      {"etc/x*", "wa", "must use absolute path\n", ""},
+      {"/" + name + "x", "wa", "dirname or filename too long\n", ""},
       {"/" + name, "wa", missing("/" + name), "105 /" + name + " 10"},
       {"/proc/../proc", "wa", "relative path not supported\n", "107 /proc/../proc 10"},
-      {"/no*", "wa", "wildcard is not supported\n" + missing("/no*"), "105 /no* 10"},
       {"/no?", "wa", "wildcard is not supported\n" + missing("/no?"), "105 /no? 10"},
       {"/proc///", "WA", "", "107 /proc 10"},
-      {"/proc/self/status", "wa", "", "105 /proc/self/status 10"},
-      {"/proc", "rwxa", "", "107 /proc 15"},
       {"/proc", "rRxr", "", "107 /proc 5"},
       {"/proc", "", "invalid file permission: \n", ""},
       {"/proc", "rwxaw", "invalid file permission: rwxaw\n", ""},
@@ -453,11 +344,12 @@ TEST_F(AuditRule, PathsAndPermissionsOfWatchesAreCheckedBeforeTheyAreSent) {
     const std::size_t before = offline::requests().size();
     send_watch_rule(Request::kAdd, path.c_str(), permissions.c_str(), kPasswdRule);
     EXPECT_EQ(errors(), message);
-    ASSERT_EQ(offline::requests().size(), sent.empty() ? before : before + 1);
-    if (sent.empty()) continue;
-    const audit_rule_data& rule = *offline::requests().back().rule;
     std::ostringstream text;
-    text << rule.fields[0] << " " << std::string(rule.buf, rule.values[0]) << " " << rule.values[1];
+    if (offline::requests().size() > before) {
+      const audit_rule_data& rule = *offline::requests().back().rule;
+      text << rule.fields[0] << " " << std::string(rule.buf, rule.values[0]) << " "
+           << rule.values[1];
+    }
     EXPECT_EQ(text.str(), sent);
   }
 }

@@ -12,10 +12,12 @@
 #include <cstring>
 #include <ctime>
 #include <functional>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "audit_event.h"
+#include "audit_replies.h"
 #include "audit_rule.h"
 #include "callback_registry.h"
 #include "offline_test.h"
@@ -36,7 +38,7 @@ static_assert(sizeof(callback_entry) == 32 && offsetof(callback_entry, callback)
 // What was called, and what is to fail.
 struct Calls {
   Texts parts;
-  std::vector<std::int64_t> scans;
+  int scans = 0;
   int messages = 0;
   std::string failing_part;
 };
@@ -48,44 +50,39 @@ int poll_once() {
   return poll_audit(nullptr);
 }
 
-template <typename Start>
-int start_part(const char* name, Start start) {
+void poll_all() {
+  while (poll_once() == 1) continue;
+}
+
+// Notes that a part is started or stopped. Returns whether it is to fail.
+bool note_part(const char* name) {
   calls.parts.push_back(name);
-  return calls.failing_part == name ? 1 : start();
+  return calls.failing_part == name;
 }
 
 }  // namespace
 
 extern "C" {
 
-#define QEL_WRAP(name)                       \
-  int __real_##name();                       \
-  int __wrap_##name() {                      \
-    return start_part(#name, __real_##name); \
+#define QEL_WRAP(type, name)                             \
+  type __real_##name();                                  \
+  type __wrap_##name() {                                 \
+    return note_part(#name) ? type(1) : __real_##name(); \
   }
-#define QEL_WRAP_STOP(name)       \
-  void __real_##name();           \
-  void __wrap_##name() {          \
-    calls.parts.push_back(#name); \
-    __real_##name();              \
-  }
-QEL_WRAP(audit_msg_init)
-QEL_WRAP(audit_subsys_init)
-QEL_WRAP(passwd_init)
-QEL_WRAP(audit_subsys_fini)
-QEL_WRAP_STOP(passwd_fini)
-QEL_WRAP_STOP(login_log_fini)
-QEL_WRAP_STOP(audit_msg_fini)
+QEL_WRAP(int, audit_msg_init)
+QEL_WRAP(int, audit_subsys_init)
+QEL_WRAP(int, passwd_init)
+QEL_WRAP(void, passwd_fini)
+QEL_WRAP(void, login_log_fini)
+QEL_WRAP(int, audit_subsys_fini)
+QEL_WRAP(void, audit_msg_fini)
 
 int __real_login_log_init(const char* path);
 int __wrap_login_log_init(const char* path) {
-  EXPECT_EQ(path, nullptr);
-  return start_part("login_log_init", [path] { return __real_login_log_init(path); });
+  return note_part("login_log_init") ? 1 : __real_login_log_init(path);
 }
-void __real_scan_audit_ctx(std::int64_t now);
-void __wrap_scan_audit_ctx(std::int64_t now) {
-  calls.scans.push_back(now);
-  __real_scan_audit_ctx(now);
+void __wrap_scan_audit_ctx(std::int64_t) {
+  ++calls.scans;
 }
 int __real_handle_audit_msg(audit_reply* reply);
 int __wrap_handle_audit_msg(audit_reply* reply) {
@@ -95,7 +92,7 @@ int __wrap_handle_audit_msg(audit_reply* reply) {
 
 int qel_mainloop_reg_poller(qel_poller_fn function, void*) {
   poll_audit = function;
-  return start_part("main loop", [] { return 0; });
+  return note_part("main loop") ? 1 : 0;
 }
 }
 
@@ -105,23 +102,20 @@ const Texts kStarts = {"audit_msg_init", "audit_subsys_init", "login_log_init", 
                        "main loop"};
 const Texts kStops = {"passwd_fini", "login_log_fini", "audit_subsys_fini", "audit_msg_fini"};
 
-Texts loaded_keys() {
-  Texts keys;
-  for (const offline::Rule& rule : offline::rules()) {
-    const std::uint32_t length = rule->values[rule->field_count - 1];
-    keys.emplace_back(rule->buf + rule->buflen - length, length);
-  }
-  return keys;
+// The paths and keys of the rules, in one text.
+std::string loaded_rules() {
+  std::string texts;
+  for (const offline::Rule& rule : offline::rules()) texts.append(rule->buf, rule->buflen);
+  return texts;
 }
 
-// The clock never goes back: the time of the next scan outlives a stop.
-std::time_t now_s = test::kStart_s;
+Texts notes;  // of the callbacks that ran
 
 class QelAudit : public test::OfflineTest {
  protected:
   QelAudit() {
-    offline::set_clock(now_s += 10000);
     calls = {};
+    notes.clear();
   }
 
   static void stop() { test::printed_by(qel_audit_fini); }
@@ -134,10 +128,6 @@ class QelAudit : public test::OfflineTest {
     test::clear_log();
   }
 
-  static void poll_all() {
-    while (poll_once() == 1) continue;
-  }
-
   static bool is_stopped() {
     return audit_fd == -1 && !offline::is_open() && offline::receiver_pid() == 0 &&
            audit_cb_list[0].buckets == nullptr;
@@ -147,52 +137,24 @@ class QelAudit : public test::OfflineTest {
 // ---- Start and stop ----------------------------------------------------------------------------
 
 TEST_F(QelAudit, StartsItsPartsInOrderAndStopsBackwardsWhatWasStarted) {
-  stop();
-  EXPECT_TRUE(calls.parts.empty()) << "a stop without a start does nothing";
-  for (std::size_t reached = 0; reached < kStarts.size(); ++reached) {
+  for (std::ptrdiff_t reached = 0; reached < std::ssize(kStarts); ++reached) {
     calls = {};
-    calls.failing_part = kStarts[reached];
-    const auto count = static_cast<std::ptrdiff_t>(reached);
-    Texts expected(kStarts.begin(), kStarts.begin() + count + 1);
-    expected.insert(expected.end(), kStops.end() - count, kStops.end());
+    calls.failing_part = kStarts.begin()[reached];
+    Texts expected(kStarts.begin(), kStarts.begin() + reached + 1);
+    expected.insert(expected.end(), kStops.end() - reached, kStops.end());
     EXPECT_EQ(qel_audit_init(), -1);
     EXPECT_EQ(calls.parts, expected);
     EXPECT_TRUE(is_stopped());
   }
-  EXPECT_EQ(test::errors(), "qel_audit: qel_mainloop_reg_poller failed\n")
-      << "the parts tell themselves";
+  EXPECT_EQ(test::errors(), "qel_audit: qel_mainloop_reg_poller failed\n");
   calls = {};
-  EXPECT_EQ(qel_audit_init(), 0);
-  EXPECT_EQ(qel_audit_init(), 0);
-  EXPECT_EQ(calls.parts, kStarts);
-  calls = {};
-  stop();
-  stop();
-  EXPECT_EQ(calls.parts, kStops);
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(qel_audit_init(), 0);
+  for (int i = 0; i < 2; ++i) stop();
+  Texts expected = kStarts;
+  expected.insert(expected.end(), kStops.begin(), kStops.end());
+  EXPECT_EQ(calls.parts, expected);
   EXPECT_TRUE(is_stopped());
 }
-
-TEST_F(QelAudit, KeepsCopiesOfKeysAndForgetsThemWhenItStops) {
-  test::Received received;
-  for (int run = 1; run <= 2; ++run) {
-    char name[] = "cat";
-    ASSERT_EQ(qel_execve_reg_callback(name, test::keep, &received), 0);
-    std::strcpy(name, "dog");
-    EXPECT_EQ(loaded_keys(), Texts{"execve_rule"});
-    test::feed_execution();
-    poll_all();
-    EXPECT_EQ(received.count(), 1U);
-    received = {};
-    stop();
-    ASSERT_EQ(qel_audit_init(), 0);
-    EXPECT_TRUE(offline::rules().empty());
-    test::feed_execution();
-    poll_all();
-    EXPECT_EQ(received.count(), 0U);
-  }
-}
-
-// ---- Poller ------------------------------------------------------------------------------------
 
 TEST_F(QelAudit, APollReadsOneMessageAndGoesOnAfterAFailure) {
   const struct {
@@ -208,6 +170,7 @@ TEST_F(QelAudit, APollReadsOneMessageAndGoesOnAfterAFailure) {
   const int fd = audit_fd;
   offline::feed(AUDIT_PATH, "a record without a serial");
   offline::feed(AUDIT_CWD, "audit(1700000000.000:7): cwd=\"/\"");
+  EXPECT_FALSE(has_overrun());
   for (const auto& [prepare, error] : cases) {
     test::clear_log();
     prepare();
@@ -215,51 +178,32 @@ TEST_F(QelAudit, APollReadsOneMessageAndGoesOnAfterAFailure) {
     EXPECT_EQ(test::errors(), "qel_audit: " + error);
     audit_fd = fd;
   }
-  for (int message = 1; message <= 2; ++message) {
-    EXPECT_EQ(poll_once(), 1) << "whatever becomes of the message";
-    EXPECT_EQ(calls.messages, message);
-  }
-  const unsigned reads = offline::calls(Call::kGetReply);
-  EXPECT_EQ(poll_once(), 0);
-  EXPECT_EQ(offline::calls(Call::kGetReply), reads) << "nothing waits, nothing is read";
+  for (const int result : {1, 1, 0}) EXPECT_EQ(poll_once(), result);
+  EXPECT_EQ(calls.messages, 2);
+  EXPECT_TRUE(has_overrun());
 }
 
-TEST_F(QelAudit, ContextsAreScannedWhenMoreThanThreeSecondsHavePassedEvenAcrossARestart) {
-  ASSERT_EQ(qel_audit_init(), 0);
-  std::vector<std::int64_t> expected;
-  for (const int second : {0, 1, 3, 4, 5, 7, 8, 100, 102}) {
-    if (second == 102) {
-      stop();
-      ASSERT_EQ(qel_audit_init(), 0);
-    }
-    offline::set_clock(now_s + second);
-    poll_once();
-    poll_once();
-    const bool scans = second == 0 || second == 4 || second == 8 || second == 100;
-    if (scans) expected.push_back(now_s + second);
-  }
-  EXPECT_EQ(calls.scans, expected);
-}
-
-// Scans at these times in a process of their own; the exit status is the number of scans.
+// Polls at these times, always of a library that has just been started, in a process of its own; the
+// exit status is the number of scans.
 [[noreturn]] void count_scans_at(std::initializer_list<std::time_t> times) {
   offline::switch_on();
   test::redirect("/var/log/wtmp", "/dev/null");
-  qel_audit_init();
   for (const std::time_t time : times) {
     offline::set_clock(time);
+    qel_audit_init();
     poll_once();
+    poll_once();
+    qel_audit_fini();
   }
-  _exit(static_cast<int>(calls.scans.size()));
+  _exit(calls.scans);
 }
 
-TEST(QelAuditScans, GoOnBeyond2038) {
+TEST(QelAuditScans, AreMoreThanThreeSecondsApartAlsoAcrossRestartsAndBeyond2038) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  constexpr std::time_t kEnd = 2147483647;
-  EXPECT_EXIT(count_scans_at({kEnd - 1, kEnd + 2, kEnd + 3, kEnd + 6, kEnd + 7}),
+  constexpr std::time_t kEnd = 0x7fffffff;
+  EXPECT_EXIT(count_scans_at({kEnd - 3, kEnd - 2, kEnd, kEnd + 1, kEnd + 4, kEnd + 5}),
               testing::ExitedWithCode(3), "");
-  EXPECT_EXIT(count_scans_at({kEnd + 1000, kEnd + 1003, kEnd + 1004}), testing::ExitedWithCode(2),
-              "");
+  EXPECT_EXIT(count_scans_at({kEnd + 1000, kEnd + 1003}), testing::ExitedWithCode(1), "");
 }
 
 // ---- Registration ------------------------------------------------------------------------------
@@ -269,42 +213,24 @@ int ignore(const Info*, void*) {
   return 0;
 }
 
-// As it stands in log lines, with the end of the line.
-template <typename Info>
-std::string ignored() {
-  int (*const callback)(const Info*, void*) = ignore<Info>;
-  char text[40];
-  std::snprintf(text, sizeof(text), ", cb=%p\n", reinterpret_cast<const void*>(callback));
-  return text;
-}
-
 TEST_F(QelAudit, ARegistrationThatIsWrongIsToldBeforeTheLibraryIsStarted) {
-  const std::string syscall = "invalid cb param, success=", mask = "invalid cb param, ev_mask=",
-                    none = ", cb=(nil)\n";
-  const std::string all = "use param \"all\" to audit all syscall event\n";
   const struct {
     int (*attempt)();
     std::string message;
   } cases[] = {
-      {[] { return qel_login_reg_callback("eve", 0, ignore, nullptr); },
-       mask + "0" + ignored<qel_login_info>()},
-      {[] { return qel_login_reg_callback("eve", 3, nullptr, nullptr); }, mask + "3" + none},
-      {[] { return qel_user_reg_callback("eve", 0, ignore, nullptr); },
-       mask + "0" + ignored<qel_user_info>()},
-      {[] { return qel_user_reg_callback(nullptr, -1, nullptr, nullptr); }, mask + "-1" + none},
-      {[] { return qel_syscall_reg_callback("", 2, ignore, nullptr); },
-       syscall + "2" + ignored<qel_syscall_info>()},
-      {[] { return qel_syscall_reg_callback("read", -2, ignore, nullptr); },
-       syscall + "-2" + ignored<qel_syscall_info>()},
-      {[] { return qel_syscall_reg_callback(nullptr, -1, ignore, nullptr); }, all},
-      {[] { return qel_syscall_reg_callback("", 0, ignore, nullptr); }, all},
-      {[] { return qel_execve_reg_callback("cat", nullptr, nullptr); }, "execve cb cant be null\n"},
-      {[] { return qel_bind_reg_callback(80, nullptr, nullptr); }, "bind cb cant be null\n"},
+      {[] { return qel_login_reg_callback("eve", 0, ignore, nullptr); }, "ev_mask=0, cb=0x"},
+      {[] { return qel_user_reg_callback("eve", -1, nullptr, nullptr); }, "ev_mask=-1, cb=(nil)"},
+      {[] { return qel_syscall_reg_callback("", 2, ignore, nullptr); }, "success=2, cb=0x"},
+      {[] { return qel_syscall_reg_callback("read", -2, ignore, nullptr); }, "success=-2, cb=0x"},
+      {[] { return qel_syscall_reg_callback(nullptr, -1, ignore, nullptr); }, "use param \"all\""},
+      {[] { return qel_syscall_reg_callback("", 0, ignore, nullptr); }, "use param \"all\""},
+      {[] { return qel_execve_reg_callback("cat", nullptr, nullptr); }, "execve cb cant be null"},
+      {[] { return qel_bind_reg_callback(80, nullptr, nullptr); }, "bind cb cant be null"},
   };
   for (const auto& [attempt, message] : cases) {
     test::clear_log();
     EXPECT_EQ(attempt(), -1);
-    EXPECT_EQ(test::errors(), "qel_audit: " + message);
+    EXPECT_NE(test::errors().find(message), std::string::npos) << test::errors();
   }
   EXPECT_TRUE(calls.parts.empty());
 }
@@ -316,45 +242,39 @@ int add_execve(const char* command, int number) {
 }
 
 TEST_F(QelAudit, EachRegistrationIsToldAndADuplicateIsRefused) {
-  const std::string callback = ignored<qel_syscall_info>();
   const auto add = [](const char* name, int success) {
     return qel_syscall_reg_callback(name, success, ignore, nullptr);
+  };
+  const auto told = [](int level) {  // without the callbacks' addresses
+    return std::regex_replace(test::log_text(level), std::regex(", cb=\\S+"), "");
   };
   EXPECT_EQ(add("read", 0), 0);
   EXPECT_EQ(calls.parts, kStarts) << "the first starts the library";
   EXPECT_EQ(add("all", -1), 0);
   EXPECT_EQ(add("read", 1), 2) << "another filter, and global callbacks have indexes as well";
   EXPECT_EQ(add("read", 1), -1);
-  EXPECT_EQ(test::log_text(QEL_LOG_NOTICE),
-            "qel_audit: add event callback for syscall: read, success=0, cb_index=0" + callback +
-                "qel_audit: add global syscall event callback: success=4294967295, cb_index=1" +
-                callback +
-                "qel_audit: add event callback for syscall: read, success=1, cb_index=2" +
-                callback);
-  EXPECT_EQ(
-      test::errors(),
-      "qel_audit: callback already exist for syscall: read, success=1, cb_index=2" + callback);
+  EXPECT_EQ(told(QEL_LOG_NOTICE),
+            "qel_audit: add event callback for syscall: read, success=0, cb_index=0\n"
+            "qel_audit: add global syscall event callback: success=4294967295, cb_index=1\n"
+            "qel_audit: add event callback for syscall: read, success=1, cb_index=2\n");
+  EXPECT_EQ(told(QEL_LOG_ERROR),
+            "qel_audit: callback already exist for syscall: read, success=1, cb_index=2\n");
   EXPECT_EQ(qel_bind_reg_callback(80, ignore, nullptr), 0);
   EXPECT_EQ(qel_bind_reg_callback(80 + 0x10000, ignore, nullptr), -1) << "a port has 16 bits";
 }
 
-TEST_F(QelAudit, RefusesTheNinthCallbackOfAKeyWithoutUsingAnEntry) {
+TEST_F(QelAudit, RefusesTheNinthCallbackOfAKeyAndTheOneBehindThe4096thOfAClass) {
   start();
   for (int i = 0; i < 8; ++i) ASSERT_EQ(add_execve("cat", i), i);
   EXPECT_EQ(add_execve("cat", 8), -1);
-  EXPECT_EQ(test::errors(), "qel_audit: too many callback for execve: cat\n");
-  EXPECT_EQ(add_execve("ls", 8), 8);
-}
-
-TEST_F(QelAudit, RefusesTheCallbackBehindThe4096thOfAClass) {
-  start();
-  for (int i = 0; i < 4095; ++i) ASSERT_EQ(add_execve(nullptr, i), 0);
-  EXPECT_EQ(add_execve("cat", 0), 4095);
+  EXPECT_EQ(add_execve("ls", 8), 8) << "a refused one uses no entry";
+  for (int i = 9; i < 4095; ++i) ASSERT_EQ(add_execve(nullptr, i), 0);
+  EXPECT_EQ(add_execve("dog", 0), 4095);
   EXPECT_EQ(add_execve(nullptr, 4095), -1);
-  EXPECT_EQ(add_execve("cat", 1), -1);
+  EXPECT_EQ(add_execve("dog", 1), -1);
   EXPECT_EQ(test::errors(),
-            "qel_audit: too many audit callbacks\nqel_audit: too many audit callbacks\n");
-  EXPECT_EQ(loaded_keys(), Texts{"execve_rule"});
+            "qel_audit: too many callback for execve: cat\nqel_audit: too many audit callbacks\n"
+            "qel_audit: too many audit callbacks\n");
   EXPECT_EQ(qel_bind_reg_callback(80, ignore, nullptr), 0) << "classes do not share";
 }
 
@@ -368,6 +288,8 @@ TEST_F(QelAudit, NothingIsRegisteredWithoutItsRuleAndNoRuleKeptWithoutARegistrat
        audit_del_wtmp_rule},
       {"passwd_rule", [](void* arg) { return qel_user_reg_callback("eve", 8, ignore, arg); },
        audit_del_passwd_rule},
+      {"shadow_rule", [](void* arg) { return qel_user_reg_callback("eve", 4, ignore, arg); },
+       audit_del_shadow_rule},
       {"syscall_rule", [](void* arg) { return qel_syscall_reg_callback("read", 1, ignore, arg); },
        [] { audit_del_syscall_rule("read"); }},
       {"execve_rule", [](void* arg) { return qel_execve_reg_callback("cat", ignore, arg); },
@@ -380,37 +302,32 @@ TEST_F(QelAudit, NothingIsRegisteredWithoutItsRuleAndNoRuleKeptWithoutARegistrat
     reset_kernel();
     calls.failing_part = "login_log_init";
     EXPECT_EQ(add(nullptr), -1) << "the library does not start";
-    EXPECT_TRUE(is_stopped());
     calls = {};
     start();
     offline::fail(Call::kAddRule, -EPERM);
     EXPECT_EQ(add(nullptr), -1);
     EXPECT_EQ(add(nullptr), 0);
     EXPECT_EQ(add(nullptr), -1) << "a duplicate";
-    EXPECT_EQ(loaded_keys(), Texts{rule}) << "the rule is the first one's";
+    EXPECT_TRUE(loaded_rules().ends_with(rule)) << "the rule is the first one's";
     remove_rule();
     EXPECT_EQ(add(nullptr), -1);
     EXPECT_TRUE(offline::rules().empty()) << "loaded for the duplicate and taken back";
-    EXPECT_EQ(offline::calls(Call::kAddRule), 3U);
     EXPECT_EQ(add(&calls), 1);
-    EXPECT_EQ(loaded_keys(), Texts{rule});
     stop();
   }
 }
 
 TEST_F(QelAudit, OnlyTheWatchesThatARefusedRegistrationLoadedAreTakenBackPasswdFirst) {
+  const auto add = [] { return qel_user_reg_callback("eve", 5, ignore, nullptr); };
   start();
-  offline::fail_call_number(2, -EPERM);  // the watch of the shadow file
-  EXPECT_EQ(qel_user_reg_callback("eve", 5, ignore, nullptr), -1);
-  EXPECT_TRUE(offline::rules().empty());
-  ASSERT_EQ(qel_user_reg_callback("eve", 5, ignore, nullptr), 0);
+  ASSERT_EQ(add(), 0);
   audit_del_shadow_rule();
-  EXPECT_EQ(qel_user_reg_callback("eve", 5, ignore, nullptr), -1);
-  EXPECT_EQ(loaded_keys(), Texts{"passwd_rule"}) << "a watch from before stays";
+  EXPECT_EQ(add(), -1);
+  EXPECT_EQ(loaded_rules(), "/etc/passwdpasswd_rule") << "a watch from before stays";
 
   audit_del_passwd_rule();
   const std::size_t before = offline::requests().size();
-  EXPECT_EQ(qel_user_reg_callback("eve", 5, ignore, nullptr), -1);
+  EXPECT_EQ(add(), -1);
   std::string requests;
   for (std::size_t i = before; i < offline::requests().size(); ++i) {
     const offline::RuleRequest& request = offline::requests()[i];
@@ -423,7 +340,6 @@ TEST_F(QelAudit, OnlyTheWatchesThatARefusedRegistrationLoadedAreTakenBackPasswdF
 
 // A callback that notes its name and then does what its test wants.
 struct Note {
-  Texts* notes;
   std::string name;
   std::function<void()> action = [] {};
 };
@@ -431,11 +347,14 @@ struct Note {
 template <typename Info>
 int note(const Info*, void* arg) {
   const Note& note = *static_cast<Note*>(arg);
-  note.notes->push_back(note.name);
+  notes.push_back(note.name);
   note.action();
   return -1;
 }
-constexpr qel_execve_callback kNoteExecve = note<qel_execve_info>;
+
+int add_note(const char* command, Note& to) {
+  return qel_execve_reg_callback(command, note, &to);
+}
 
 void dispatch_execution(const char* process) {
   execve_event event = {.type = QEL_CLASS_EXECVE, .padding = 0, .info = {}};
@@ -443,65 +362,43 @@ void dispatch_execution(const char* process) {
   EXPECT_EQ(dispatch_event(&event), 0);
 }
 
-TEST_F(QelAudit, CallbacksOfTheKeyRunBeforeThoseForAllEachInOrder) {
-  Texts notes;
-  Note all1{&notes, "all1"}, cat1{&notes, "cat1"}, ls{&notes, "ls"}, all2{&notes, "all2"},
-      cat2{&notes, "cat2"};
-  ASSERT_EQ(qel_execve_reg_callback("", kNoteExecve, &all1), 0);
-  ASSERT_EQ(qel_execve_reg_callback("cat", kNoteExecve, &cat1), 1);
-  ASSERT_EQ(qel_execve_reg_callback("ls", kNoteExecve, &ls), 2);
-  ASSERT_EQ(qel_execve_reg_callback(nullptr, kNoteExecve, &all2), 0);
-  ASSERT_EQ(qel_execve_reg_callback("cat", kNoteExecve, &cat2), 4);
-  EXPECT_EQ(qel_execve_unreg_callback("cat", kNoteExecve, &cat2), 0) << "does nothing";
+TEST_F(QelAudit, ABindReachesThoseForItsPortAndForAll) {
+  Note port{"port 80"}, any{"any port"};
+  ASSERT_EQ(qel_bind_reg_callback(80, note, &port), 0);
+  ASSERT_EQ(qel_bind_reg_callback(0, note, &any), 0);
+  bind_event event = {.type = QEL_CLASS_BIND, .padding = 0, .info = {}};
+  const sockaddr_in6 address = {AF_INET6, htons(80), 0, {}, 0};
+  std::memcpy(&event.info.addr, &address, sizeof(address));
+  EXPECT_EQ(dispatch_event(&event), 0);
+  EXPECT_EQ(notes, (Texts{"port 80", "any port"}));
+}
+
+TEST_F(QelAudit, CallbacksOfTheKeyRunBeforeThoseForAllEachInOrderAlsoThoseThatCallbacksRegister) {
+  Note cat2{"cat2"}, all2{"all2"};
+  Note all1{"all1", [&] { add_note("", all2); }};
+  Note cat1{"cat1", [&] {
+              EXPECT_EQ(add_note("cat", cat2), 2);
+              EXPECT_EQ(qel_bind_reg_callback(80, ignore, nullptr), 0);
+            }};
+  ASSERT_EQ(add_note(nullptr, all1), 0);
+  ASSERT_EQ(add_note("cat", cat1), 1);
+  EXPECT_EQ(qel_execve_unreg_callback("cat", note, &cat1), 0) << "does nothing";
   dispatch_execution("cat");
   dispatch_execution("dog");
   EXPECT_EQ(notes, (Texts{"cat1", "cat2", "all1", "all2", "all1", "all2"}));
 }
 
-TEST_F(QelAudit, ABindReachesThoseForItsPortAndForAll) {
-  Texts notes;
-  Note port{&notes, "port 80"}, other{&notes, "port 20480"}, any{&notes, "any port"};
-  ASSERT_EQ(qel_bind_reg_callback(80, note<qel_bind_info>, &port), 0);
-  ASSERT_EQ(qel_bind_reg_callback(20480, note<qel_bind_info>, &other), 1);
-  ASSERT_EQ(qel_bind_reg_callback(0, note<qel_bind_info>, &any), 0);
-  bind_event event = {.type = QEL_CLASS_BIND, .padding = 0, .info = {}};
-  const sockaddr_in6 address = {AF_INET6, htons(80), 0, {}, 0};
-  std::memcpy(&event.info.addr, &address, sizeof(address));
-  EXPECT_EQ(dispatch_event(&event), 0);
-  event.info.addr.ss_family = AF_UNIX;
-  EXPECT_EQ(dispatch_event(&event), 0);
-  EXPECT_EQ(notes, (Texts{"port 80", "any port", "any port"}));
-}
-
-// ---- Inside a callback -------------------------------------------------------------------------
-
-TEST_F(QelAudit, ARegistrationInsideACallbackWorksAtOnce) {
-  Texts notes;
-  Note cat2{&notes, "cat2"}, all2{&notes, "all2"};
-  Note all1{&notes, "all1", [&] { EXPECT_EQ(qel_execve_reg_callback("", kNoteExecve, &all2), 0); }};
-  Note cat1{&notes, "cat1", [&] {
-              EXPECT_EQ(qel_execve_reg_callback("cat", kNoteExecve, &cat2), 1);
-              EXPECT_EQ(qel_execve_reg_callback("", kNoteExecve, &all1), 0);
-              EXPECT_EQ(qel_bind_reg_callback(80, ignore, nullptr), 0);
-            }};
-  ASSERT_EQ(qel_execve_reg_callback("cat", kNoteExecve, &cat1), 0);
-  dispatch_execution("cat");
-  EXPECT_EQ(notes, (Texts{"cat1", "cat2", "all1", "all2"}));
-  EXPECT_EQ(loaded_keys(), (Texts{"bind_rule", "execve_rule"}));
-}
-
 TEST_F(QelAudit, AStopInsideACallbackWaitsForTheEndOfTheRecordAndAPollReadsNothing) {
-  Texts notes;
-  Note last{&notes, "last"};
-  Note first{&notes, "first", [] {
+  Note last{"last"};
+  Note first{"first", [] {
                EXPECT_EQ(poll_once(), 0);
                qel_audit_fini();
                qel_audit_fini();
                EXPECT_GE(audit_fd, 0);
              }};
   start();
-  ASSERT_EQ(qel_execve_reg_callback("cat", kNoteExecve, &first), 0);
-  ASSERT_EQ(qel_execve_reg_callback("", kNoteExecve, &last), 0);
+  ASSERT_EQ(add_note("cat", first), 0);
+  ASSERT_EQ(add_note("", last), 0);
   test::feed_execution();
   test::feed_execution();
   test::printed_by(poll_all);
@@ -515,7 +412,7 @@ TEST_F(QelAudit, AStopInsideACallbackWaitsForTheEndOfTheRecordAndAPollReadsNothi
 
   start();
   EXPECT_FALSE(is_stopped()) << "the stop was carried out once";
-  ASSERT_EQ(qel_execve_reg_callback("cat", kNoteExecve, &first), 0);
+  ASSERT_EQ(add_note("cat", first), 0);
   test::printed_by([] { dispatch_execution("cat"); });
   EXPECT_TRUE(is_stopped());
 }
