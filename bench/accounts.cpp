@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr std::size_t kCount = 40;
+constexpr std::size_t kCount = 24;
 constexpr unsigned kFirstUid = 1000;  // of the accounts behind root's
 
 char empty[] = "";
