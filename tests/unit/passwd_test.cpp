@@ -267,10 +267,12 @@ TEST_F(UserNames, AreReadOnceAndAfterEachStart) {
 
 TEST_F(UserNames, AreReadAgainWhenAnyPartOfTheStampChanges) {
   alice().name = "alicia";
+  std::erase_if(databases.passwd, [](const auto& user) { return user.uid == 1001; });
   file_.set_time({1'000'000, 6});  // within the second
   EXPECT_STREQ(get_uname_by_uid(1000), "alice");
   file_.set_time({999'999, 6});
   EXPECT_STREQ(get_uname_by_uid(1000), "alicia");
+  EXPECT_STREQ(get_uname_by_uid(1001), "1001") << "gone since the last reading";
   EXPECT_EQ(walks(), 1);
 
   file_.append("+");
