@@ -6,6 +6,15 @@
 
 #include <cstdint>
 
+// Registers a benchmark of one stream for every stream of streams.h.
+#define QEL_BENCHMARK_STREAMS(function)          \
+  BENCHMARK_CAPTURE(function, real, "real");     \
+  BENCHMARK_CAPTURE(function, mixed, "mixed");   \
+  BENCHMARK_CAPTURE(function, execve, "execve"); \
+  BENCHMARK_CAPTURE(function, bind, "bind");     \
+  BENCHMARK_CAPTURE(function, openat, "openat"); \
+  BENCHMARK_CAPTURE(function, many_arguments, "many-arguments")
+
 namespace bench {
 
 // Processor time of this thread.

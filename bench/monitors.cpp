@@ -251,30 +251,16 @@ void compare_logins_in_step(benchmark::State& state) {
   measure(state, "wtmp records, one login and one process each second", kLogins);
 }
 
-BENCHMARK(compare_accounts)
-    ->Arg(1'000)
-    ->Arg(10'000)
-    ->Arg(100'000)
-    ->Arg(200'000)
-    ->UseManualTime()
-    ->MinTime(2)
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(compare_logins)
-    ->Arg(1'000)
-    ->Arg(10'000)
-    ->Arg(100'000)
-    ->Arg(500'000)
-    ->UseManualTime()
-    ->MinTime(2)
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(compare_logins_in_step)
-    ->Arg(1'000)
-    ->Arg(10'000)
-    ->Arg(100'000)
-    ->Arg(500'000)
-    ->UseManualTime()
-    ->MinTime(2)
-    ->Unit(benchmark::kMillisecond);
+template <std::int64_t kLargest>
+void with_sizes(benchmark::internal::Benchmark* comparison) {
+  for (const std::int64_t size :
+       {std::int64_t{1'000}, std::int64_t{10'000}, std::int64_t{100'000}, kLargest})
+    comparison->Arg(size);
+  comparison->UseManualTime()->MinTime(2)->Unit(benchmark::kMillisecond);
+}
+BENCHMARK(compare_accounts)->Apply(with_sizes<200'000>);
+BENCHMARK(compare_logins)->Apply(with_sizes<500'000>);
+BENCHMARK(compare_logins_in_step)->Apply(with_sizes<500'000>);
 
 const char* verdict(double value, double most) {
   return value <= most ? "met" : "MISSED";

@@ -64,12 +64,7 @@ void stream(State& state, const char* name) {
   state.counters["allocations_per_event"] = allocations / events;
   state.counters["allocations_beside_arguments"] = (allocations - arguments) / events;
 }
-BENCHMARK_CAPTURE(stream, real, "real");
-BENCHMARK_CAPTURE(stream, mixed, "mixed");
-BENCHMARK_CAPTURE(stream, execve, "execve");
-BENCHMARK_CAPTURE(stream, bind, "bind");
-BENCHMARK_CAPTURE(stream, openat, "openat");
-BENCHMARK_CAPTURE(stream, many_arguments, "many-arguments");
+QEL_BENCHMARK_STREAMS(stream);
 
 // ---- Arguments ---------------------------------------------------------------------------------
 

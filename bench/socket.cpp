@@ -134,12 +134,7 @@ void stream(State& state, const char* name) {
   state.counters["poller_by_clock"] = times.poller_ns / times.clock_ns;
   state.counters["library_by_bare"] = times.library_ns / times.bare_ns;
 }
-BENCHMARK_CAPTURE(stream, real, "real");
-BENCHMARK_CAPTURE(stream, mixed, "mixed");
-BENCHMARK_CAPTURE(stream, execve, "execve");
-BENCHMARK_CAPTURE(stream, bind, "bind");
-BENCHMARK_CAPTURE(stream, openat, "openat");
-BENCHMARK_CAPTURE(stream, many_arguments, "many-arguments");
+QEL_BENCHMARK_STREAMS(stream);
 
 int drain(const char* name, int passes) {
   bench::start_client();

@@ -27,7 +27,7 @@ constexpr std::int64_t kContextLifetime_s = 10;
 constexpr float kScanShare = 0.05F;  // of the table, in one expiry scan
 
 // The context found last, and what all records of its group begin with,
-// "audit(SECONDS.MILLISECONDS: SERIAL):": they mostly come in a row, and need no second look at
+// "audit(SECONDS.MILLISECONDS:SERIAL):": they mostly come in a row, and need no second look at
 // their serial.
 struct Recent {
   audit_ctx* ctx;

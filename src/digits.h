@@ -1,4 +1,4 @@
-// Values of digits.
+// Blanks and digits as libc's number functions know them.
 #pragma once
 
 #include <array>
@@ -21,6 +21,10 @@ inline constexpr auto kDigitValues = [] {
 
 inline unsigned digit_value(char c) {
   return kDigitValues[static_cast<unsigned char>(c)];
+}
+
+inline bool is_blank(char c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
 }
 
 inline bool is_decimal(char c) {

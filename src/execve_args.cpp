@@ -87,7 +87,7 @@ std::int32_t read_index(const char*& at, const char* end) {
 // Steps over a number as scanf(3)'s "%d" reads it: behind blanks and a sign. Returns null when
 // there are no digits.
 const char* skip_number(const char* at, const char* end) {
-  while (at != end && (*at == ' ' || (*at >= '\t' && *at <= '\r'))) ++at;
+  at = std::find_if_not(at, end, qel::is_blank);
   if (at != end && (*at == '+' || *at == '-')) ++at;
   const char* const behind = std::find_if_not(at, end, qel::is_decimal);
   return behind == at ? nullptr : behind;

@@ -33,7 +33,6 @@ enum File { kPasswd, kShadow, kWtmp, kFileCount };
 constexpr const char* kPaths[kFileCount] = {"/etc/passwd", "/etc/shadow", "/var/log/wtmp"};
 
 struct {
-  int pending;
   Remembered files[kFileCount];
 } state;
 
@@ -65,11 +64,6 @@ std::int64_t now_ns() {
   return now.tv_sec * kSecond_ns + now.tv_nsec;
 }
 
-void forget(Remembered& watch) {
-  if (watch.pending) --state.pending;
-  watch.pending = false;
-}
-
 // The context as far as it is remembered. Its command name stays this module's.
 audit_ctx context_of(Remembered& watch) {
   audit_ctx ctx = {};
@@ -82,13 +76,17 @@ audit_ctx context_of(Remembered& watch) {
   return ctx;
 }
 
+bool is_pending(const Remembered& watch) {
+  return watch.pending;
+}
+
 void look_at(File file, std::int64_t now, int (*handle)(audit_ctx* ctx)) {
   Remembered& watch = state.files[file];
   if (!watch.pending || now < watch.next_look_ns) return;
   const bool is_last = now >= watch.last_look_ns;
   watch.next_look_ns = std::min(now + kLookPause_ns, watch.last_look_ns);
   const bool changed = !is_same(identity_of(file), watch.before);
-  if (changed || is_last) forget(watch);
+  if (changed || is_last) watch.pending = false;
   if (!changed) return;
   Remembered copy = watch;  // the comparison remembers anew in the same place
   audit_ctx ctx = context_of(copy);
@@ -103,7 +101,6 @@ FileIdentity watched_file(const audit_ctx& ctx) {
 
 void remember_watch(const audit_ctx& ctx, const FileIdentity& before) {
   Remembered& watch = state.files[file_of(ctx.ruletype)];
-  if (!watch.pending) ++state.pending;
   watch.pending = true;
   watch.ruletype = ctx.ruletype;
   watch.syscall = ctx.syscall;
@@ -117,7 +114,7 @@ void remember_watch(const audit_ctx& ctx, const FileIdentity& before) {
 }
 
 void look_at_watches(int (*handle)(audit_ctx* ctx)) {
-  if (state.pending == 0) return;
+  if (std::none_of(std::begin(state.files), std::end(state.files), is_pending)) return;
   const std::int64_t now = now_ns();
   for (int file = 0; file < kFileCount; ++file) look_at(static_cast<File>(file), now, handle);
 }

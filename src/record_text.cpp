@@ -12,10 +12,6 @@ namespace {
 constexpr char kHeader[] = "audit(";
 constexpr std::size_t kHeaderLength = sizeof(kHeader) - 1;
 
-bool is_blank(char c) {
-  return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
 const char* skip_blanks(const char* at, const char* end) {
   return std::find_if_not(at, end, is_blank);
 }
