@@ -79,8 +79,13 @@ int compare_names(const void* a, std::size_t, const void* b, std::size_t) {
 
 // ---- Snapshot -----------------------------------------------------------------------------------
 
+// Name services other than files may leave texts of an entry null.
+const char* text_or_empty(const char* text) {
+  return text != nullptr ? text : "";
+}
+
 char* copy_of(const char* text) {
-  return QEL_CHECKED(qel::copy_of(text != nullptr ? text : ""));
+  return QEL_CHECKED(qel::copy_of(text_or_empty(text)));
 }
 
 const char* print(std::uint32_t number, Decimal& text) {
@@ -123,8 +128,8 @@ void read_passwd(Accounts& accounts) {
 void read_shadow() {
   setspent();
   while (const spwd* found = getspent()) {
-    xhash_insert(state.shadows, found->sp_namp, name_key_length(found->sp_namp),
-                 copy_of(found->sp_pwdp));
+    const char* name = text_or_empty(found->sp_namp);
+    xhash_insert(state.shadows, name, name_key_length(name), copy_of(found->sp_pwdp));
   }
   endspent();
 }

@@ -141,6 +141,7 @@ struct spwd* getspent() {
   test::Shadow* shadow = test::next_of(databases.shadow, walks.shadow);
   if (shadow == nullptr) return nullptr;
   entry = {};
+  if (shadow->has_null_texts) return &entry;
   entry.sp_namp = shadow->name.data();
   entry.sp_pwdp = shadow->hash.data();
   return &entry;

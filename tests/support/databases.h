@@ -23,6 +23,7 @@ struct Account {
 };
 struct Shadow {
   std::string name, hash;
+  bool has_null_texts = false;
 };
 struct Group {
   std::string name;

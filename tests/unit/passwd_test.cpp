@@ -74,6 +74,13 @@ void add_account(const char* name) {
   databases.passwd.push_back({name, 2001, 50});
 }
 
+TEST_F(PasswdTest, AShadowEntryWithoutTextsIsNobodys) {
+  databases.shadow.push_back({"", "", true});
+  EXPECT_EQ(compare(), Texts{});
+  databases.shadow[1].hash = "$6$b";
+  EXPECT_EQ(compare(), Texts{"alice users 4"});
+}
+
 TEST_F(PasswdTest, AChangeIsOfferedAndTracedOnce) {
   const struct {
     void (*make)();
