@@ -166,12 +166,8 @@ bool is_skipped(const audit_ctx& ctx) {
   return ctx.syscall == kOpenSyscall || (tool->skips_shadow && ctx.ruletype == kShadowRule);
 }
 
-int handle_passwd_ctx(audit_ctx& ctx) {
-  if (is_skipped(ctx)) return 0;
-  const qel::FileIdentity before = qel::watched_file(ctx);
-  if (check_passwd_event(emit_user_event, &ctx) != 0) return -1;
-  qel::remember_watch(ctx, before);
-  return 0;
+int compare_accounts(audit_ctx* ctx) {
+  return check_passwd_event(emit_user_event, ctx);
 }
 
 // ---- Logins ------------------------------------------------------------------------------------
@@ -206,11 +202,35 @@ int emit_login_event(wtmp_entry* entry, audit_ctx* ctx) {
   return 0;
 }
 
-int handle_login_ctx(audit_ctx& ctx) {
+int compare_logins(audit_ctx* ctx) {
+  return check_login_event(nullptr, emit_login_event, ctx);
+}
+
+// ---- Watches -----------------------------------------------------------------------------------
+
+// A call that was refused has changed nothing. Any user can make as many of them as he likes, so
+// none has a database read.
+bool was_refused(const audit_ctx& ctx) {
+  return ctx.success == 0 && ctx.exit < 0;
+}
+
+int handle_watch_ctx(audit_ctx& ctx, int (*compare)(audit_ctx* ctx)) {
+  if (was_refused(ctx)) {
+    qel::remember_refused(ctx);
+    return 0;
+  }
   const qel::FileIdentity before = qel::watched_file(ctx);
-  if (check_login_event(nullptr, emit_login_event, &ctx) != 0) return -1;
-  qel::remember_watch(ctx, before);
+  if (compare(&ctx) != 0) return -1;
+  qel::remember_opener(ctx, before);
   return 0;
+}
+
+int handle_passwd_ctx(audit_ctx& ctx) {
+  return is_skipped(ctx) ? 0 : handle_watch_ctx(ctx, compare_accounts);
+}
+
+int handle_login_ctx(audit_ctx& ctx) {
+  return handle_watch_ctx(ctx, compare_logins);
 }
 
 }  // namespace

@@ -16,15 +16,21 @@ constexpr std::int64_t kSecond_ns = 1'000'000'000;
 constexpr std::int64_t kLookFor_ns = 10 * kSecond_ns;
 constexpr std::int64_t kLookPause_ns = kSecond_ns / 10;
 
-// What the comparison and its events need of a context.
-struct Remembered {
-  bool pending;
+constexpr std::uint32_t kNoProcess = UINT32_MAX;
+
+// What the comparison and its events need of the opener's context.
+struct Opener {
   std::int32_t ruletype;
   std::uint32_t syscall;
   std::uint32_t pid;
   std::uint32_t uid;
   char comm[QEL_NAME_SIZE];
-  FileIdentity before;
+};
+
+struct Watched {
+  FileIdentity before;  // what the file was just before it was last read
+  bool pending;         // the rest counts only then
+  Opener opener;
   std::int64_t next_look_ns;  // times of CLOCK_MONOTONIC
   std::int64_t last_look_ns;
 };
@@ -33,7 +39,7 @@ enum File { kPasswd, kShadow, kWtmp, kFileCount };
 constexpr const char* kPaths[kFileCount] = {"/etc/passwd", "/etc/shadow", "/var/log/wtmp"};
 
 struct {
-  Remembered files[kFileCount];
+  Watched files[kFileCount];
 } state;
 
 File file_of(std::int32_t ruletype) {
@@ -64,53 +70,72 @@ std::int64_t now_ns() {
   return now.tv_sec * kSecond_ns + now.tv_nsec;
 }
 
-// The context as far as it is remembered. Its command name stays this module's.
-audit_ctx context_of(Remembered& watch) {
+// The context of a call that succeeded, as far as it is remembered. Its command name stays the
+// opener's.
+audit_ctx context_of(Opener& opener) {
   audit_ctx ctx = {};
-  ctx.msgtype = AUDIT_SYSCALL;
-  ctx.ruletype = watch.ruletype;
-  ctx.syscall = watch.syscall;
-  ctx.pid = watch.pid;
-  ctx.uid = watch.uid;
-  ctx.comm = watch.comm;
+  ctx.ruletype = opener.ruletype;
+  ctx.syscall = opener.syscall;
+  ctx.success = 1;
+  ctx.pid = opener.pid;
+  ctx.uid = opener.uid;
+  ctx.comm = opener.comm;
   return ctx;
 }
 
-bool is_pending(const Remembered& watch) {
-  return watch.pending;
+void begin_looking(Watched& file) {
+  const std::int64_t now = now_ns();
+  file.pending = true;
+  file.next_look_ns = now + kLookPause_ns;
+  file.last_look_ns = now + kLookFor_ns;
 }
 
-void look_at(File file, std::int64_t now, int (*handle)(audit_ctx* ctx)) {
-  Remembered& watch = state.files[file];
-  if (!watch.pending || now < watch.next_look_ns) return;
-  const bool is_last = now >= watch.last_look_ns;
-  watch.next_look_ns = std::min(now + kLookPause_ns, watch.last_look_ns);
-  const bool changed = !is_same(identity_of(file), watch.before);
-  if (changed || is_last) watch.pending = false;
+bool is_pending(const Watched& file) {
+  return file.pending;
+}
+
+void look_at(File index, std::int64_t now, int (*handle)(audit_ctx* ctx)) {
+  Watched& file = state.files[index];
+  if (!file.pending || now < file.next_look_ns) return;
+  const bool is_last = now >= file.last_look_ns;
+  file.next_look_ns = std::min(now + kLookPause_ns, file.last_look_ns);
+  const bool changed = !is_same(identity_of(index), file.before);
+  if (changed || is_last) file.pending = false;
   if (!changed) return;
-  Remembered copy = watch;  // the comparison remembers anew in the same place
-  audit_ctx ctx = context_of(copy);
+  Opener opener = file.opener;  // the comparison remembers anew in the same place
+  audit_ctx ctx = context_of(opener);
   handle(&ctx);
 }
 
 }  // namespace
 
+void note_watched_files() {
+  for (int file = 0; file < kFileCount; ++file)
+    state.files[file].before = identity_of(static_cast<File>(file));
+}
+
 FileIdentity watched_file(const audit_ctx& ctx) {
   return identity_of(file_of(ctx.ruletype));
 }
 
-void remember_watch(const audit_ctx& ctx, const FileIdentity& before) {
-  Remembered& watch = state.files[file_of(ctx.ruletype)];
-  watch.pending = true;
-  watch.ruletype = ctx.ruletype;
-  watch.syscall = ctx.syscall;
-  watch.pid = ctx.pid;
-  watch.uid = ctx.uid;
-  copy_text(watch.comm, ctx.comm != nullptr ? ctx.comm : "");
-  watch.before = before;
-  const std::int64_t now = now_ns();
-  watch.next_look_ns = now + kLookPause_ns;
-  watch.last_look_ns = now + kLookFor_ns;
+void remember_opener(const audit_ctx& ctx, const FileIdentity& before) {
+  Watched& file = state.files[file_of(ctx.ruletype)];
+  file.before = before;
+  file.opener.ruletype = ctx.ruletype;
+  file.opener.syscall = ctx.syscall;
+  file.opener.pid = ctx.pid;
+  file.opener.uid = ctx.uid;
+  copy_text(file.opener.comm, ctx.comm != nullptr ? ctx.comm : "");
+  begin_looking(file);
+}
+
+void remember_refused(const audit_ctx& ctx) {
+  Watched& file = state.files[file_of(ctx.ruletype)];
+  if (file.pending) return;
+  file.opener = {};
+  file.opener.ruletype = ctx.ruletype;
+  file.opener.pid = kNoProcess;
+  begin_looking(file);
 }
 
 void look_at_watches(int (*handle)(audit_ctx* ctx)) {

@@ -3,7 +3,8 @@
 // comparison for a watch context the file is looked at again for a while, and compared once more
 // when it has changed.
 //
-// Event assembly remembers contexts; the poller looks when it finds nothing to read.
+// Event assembly remembers contexts; the poller looks; start and stop call the first and the last
+// function.
 #pragma once
 
 #include <sys/types.h>
@@ -21,16 +22,23 @@ struct FileIdentity {
   timespec modified;
 };
 
+// To be called before the first snapshots are taken: notes what the watched files are.
+void note_watched_files();
+
 // Of the file whose watch gave the context, as it is now.
 FileIdentity watched_file(const audit_ctx& ctx);
 
-// Has the context's file looked at for the next 10 seconds. `before` is what it was just before the
-// comparison read it. A later context of the same file takes this one's place.
-void remember_watch(const audit_ctx& ctx, const FileIdentity& before);
+// Has the context's file looked at for 10 seconds from now. `before` is what the file was just
+// before the comparison read it. A later opener of the same file takes this one's place.
+void remember_opener(const audit_ctx& ctx, const FileIdentity& before);
 
-// Looks at the remembered files, ten times a second at most, and hands the context of each changed
-// one to `handle`, which may remember it anew. Costs nothing, not even a system call, when there
-// are none.
+// The same for a call that was refused. It has written nothing, so it never takes an opener's place
+// or adds to its time, and what a look finds is not put down to it.
+void remember_refused(const audit_ctx& ctx);
+
+// Looks at the remembered files, ten times a second at most, and hands the context of each one that
+// is not what it was before its last comparison to `handle`, which may remember it anew. Costs
+// nothing, not even a system call, when there are none.
 void look_at_watches(int (*handle)(audit_ctx* ctx));
 
 void forget_watches();

@@ -116,10 +116,14 @@ struct Part {
   void (*stop)();
 };
 
+int start_looking() {
+  qel::note_watched_files();
+  return 0;
+}
+
 constexpr Part kParts[] = {
-    {audit_msg_init, audit_msg_fini},
-    {audit_subsys_init, [] { audit_subsys_fini(); }},
-    {[] { return login_log_init(nullptr); }, login_log_fini},
+    {audit_msg_init, audit_msg_fini},     {audit_subsys_init, [] { audit_subsys_fini(); }},
+    {start_looking, qel::forget_watches}, {[] { return login_log_init(nullptr); }, login_log_fini},
     {passwd_init, passwd_fini},
 };
 
@@ -156,7 +160,6 @@ int start() {
 void stop() {
   if (!state.started) return;
   state.started = false;
-  qel::forget_watches();
   stop_parts(std::end(kParts));
   close_registries();
 }

@@ -71,12 +71,12 @@ class AccountEvents : public test::OfflineTest {
   }
 
   // Any program's rename of a new file over /etc/passwd.
-  static void end_passwd_rename() {
+  static void end_passwd_rename(const std::string& result = "success=yes exit=0") {
     static int serial = 100'000;
     const std::string header = "audit(1714557600.000:" + std::to_string(++serial) + "): ";
     offline::feed(AUDIT_SYSCALL,
-                  header +
-                      "arch=c000003e syscall=82 success=yes exit=0 a0=1 a1=2 a2=0 a3=0 items=0 "
+                  header + "arch=c000003e syscall=82 " + result +
+                      " a0=1 a1=2 a2=0 a3=0 items=0 "
                       "ppid=1 pid=77 auid=0 uid=0 gid=0 comm=\"vipw\" key=\"passwd_rule\"");
     offline::feed(AUDIT_EOE, header);
     test::poll_all();
@@ -118,6 +118,20 @@ TEST_F(AccountEvents, TellOfDeletedAccounts) {
                        {7, [] { remove(databases.shadow, "evan"); }}};
   EXPECT_EQ(play("account-delete", steps),
             (Texts{"deleted dana group=staffers", "deleted evan group=evan"}));
+}
+
+TEST_F(AccountEvents, ARefusedCallReadsNoDatabase) {
+  start();
+  const int walks = test::walks.passwd.started;
+  for (int i = 0; i < 1000; ++i) end_passwd_rename("success=no exit=-13");
+  offline::advance_clock(100ms);
+  test::poll_all();
+  EXPECT_EQ(test::walks.passwd.started, walks);
+  add_account("dana", 2001, 1000);
+  passwd_.append("dana");
+  offline::advance_clock(100ms);
+  test::poll_all();
+  EXPECT_EQ(test::texts_of(lines_), Texts{"added dana group=alice"});
 }
 
 TEST_F(AccountEvents, ReachTheCallbacksThatAskedForThem) {

@@ -33,6 +33,7 @@ class LateWrite : public test::OfflineTest {
     test::redirect("/etc/shadow", files_[1].path());
     test::redirect("/var/log/wtmp", files_[2].path());
     handled.clear();
+    qel::note_watched_files();
   }
   ~LateWrite() override { qel::forget_watches(); }
 
@@ -46,7 +47,7 @@ class LateWrite : public test::OfflineTest {
     ctx.uid = 1000;
     ctx.syscall = 257;
     ctx.comm = comm.data();
-    qel::remember_watch(ctx, qel::watched_file(ctx));
+    qel::remember_opener(ctx, qel::watched_file(ctx));
   }
 
   // Looks as often as a main loop that pauses for so long.
@@ -147,7 +148,7 @@ TEST_F(LateWrite, HandsOverTheNewestContextOfAFile) {
 TEST_F(LateWrite, KeepsTheFilesApartAndTheirCommandNamesCut) {
   audit_ctx nameless = {};
   nameless.ruletype = kPasswdRule;
-  qel::remember_watch(nameless, qel::watched_file(nameless));
+  qel::remember_opener(nameless, qel::watched_file(nameless));
   remember(kShadowRule, 11);
   remember(kWtmpRule, 12, std::string(300, 'c'));
   write(1);
@@ -158,6 +159,39 @@ TEST_F(LateWrite, KeepsTheFilesApartAndTheirCommandNamesCut) {
   EXPECT_EQ(handled,
             (Texts{"1 pid=11 uid=1000 syscall=257 comm=vi", "0 pid=0 uid=0 syscall=0 comm=",
                    "2 pid=12 uid=1000 syscall=257 comm=" + std::string(255, 'c')}));
+}
+
+// The context of a call that the kernel refused to somebody.
+audit_ctx refused() {
+  audit_ctx ctx = {};
+  ctx.ruletype = kWtmpRule;
+  ctx.pid = 666;
+  return ctx;
+}
+
+TEST_F(LateWrite, ARefusedCallHasTheFileComparedWithWhatItWasWhenItWasLastRead) {
+  write(2);  // after it was noted
+  look_for(200ms);
+  EXPECT_EQ(handled, Texts{}) << "nobody is remembered";
+  for (int i = 0; i < 100; ++i) qel::remember_refused(refused());
+  look_for(200ms);
+  EXPECT_EQ(handled, Texts{"2 pid=4294967295 uid=0 syscall=0 comm="});
+}
+
+TEST_F(LateWrite, ARefusedCallTakesNeitherThePlaceNorAddsToTheTimeOfAnOpener) {
+  remember(kWtmpRule, 12);
+  write(2);
+  qel::remember_refused(refused());
+  look_for(200ms);
+  EXPECT_EQ(handled, Texts{"2 pid=12 uid=1000 syscall=257 comm=vi"});
+  remember(kWtmpRule, 13);
+  look_for(9s);
+  qel::remember_refused(refused());
+  look_for(2s);
+  write(2);
+  looks();
+  look_for(2s);
+  EXPECT_EQ(looks(), 0);
 }
 
 }  // namespace
