@@ -51,8 +51,9 @@ void scan_when_due() {
   state.next_scan = std::time(nullptr) + kScanPause_s;
 }
 
-// Whether a message waits. Uses poll(2): a busy agent has descriptors that select(2) cannot hold.
-bool is_readable(int fd) {
+// Returns 1 when a message waits, 0 when none does, and -1 after a line when that cannot be told.
+// Uses poll(2): a busy agent has descriptors that select(2) cannot hold.
+int check_readable(int fd) {
   pollfd audit = {.fd = fd, .events = POLLIN, .revents = 0};
   int ready = poll(&audit, 1, 0);
   if (ready > 0 && (audit.revents & POLLNVAL) != 0) {
@@ -60,18 +61,11 @@ bool is_readable(int fd) {
     errno = EBADF;
   }
   if (ready < 0) QEL_ERROR("select failed, error=%s\n", strerror(errno));
-  return ready > 0;
+  return ready;
 }
 
-// Called by the main loop over and over, also when the library is stopped: the framework cannot
-// forget a poller. Reads at most one message; returns 1 when there was one.
-int poll_audit(void*) {
-  if (!state.started || qel::handling_record()) return 0;
-  scan_when_due();
-  if (!is_readable(audit_fd)) {
-    qel::look_at_watches(handle_audit_event);
-    return 0;
-  }
+// Reads and handles one message. Returns 1, or 0 when the read failed.
+int read_message() {
   audit_reply reply;
   const int result = audit_get_reply(audit_fd, &reply, GET_REPLY_NONBLOCKING, 0);
   if (result <= 0) {
@@ -81,6 +75,19 @@ int poll_audit(void*) {
   }
   handle_audit_msg(&reply);
   return 1;
+}
+
+// Called by the main loop over and over, also when the library is stopped: the framework cannot
+// forget a poller. Reads at most one message; returns 1 when there was one. A stop from inside a
+// callback is over when the files are looked at, and has forgotten them.
+int poll_audit(void*) {
+  if (!state.started || qel::handling_record()) return 0;
+  scan_when_due();
+  const int readable = check_readable(audit_fd);
+  if (readable < 0) return 0;
+  const int taken = readable > 0 ? read_message() : 0;
+  qel::look_at_watches(handle_audit_event);
+  return taken;
 }
 
 // ---- Start and stop ----------------------------------------------------------------------------

@@ -168,12 +168,10 @@ TEST_F(AccountEvents, TellOfLateWrites) {
   add_dana_and_evan();
   passwd_.append("dana");
   for (int i = 0; i < 100; ++i) offline::feed(AUDIT_CWD, "audit(1.0:9): cwd=\"/\"");
-  for (int i = 0; i < 100; ++i) {
-    offline::advance_clock(110ms);
-    EXPECT_EQ(test::poll_once(), 1);
-  }
+  EXPECT_EQ(test::poll_once(), 1);
   EXPECT_EQ(lines_.size(), 0U);
-  EXPECT_EQ(test::poll_once(), 0);
+  offline::advance_clock(100ms);
+  EXPECT_EQ(test::poll_once(), 1) << "records keep coming";
   EXPECT_EQ(test::texts_of(lines_), kBothAdded);
   offline::advance_clock(100ms);
   test::poll_all();

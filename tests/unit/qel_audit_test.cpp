@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
 #include <ctime>
@@ -181,6 +182,27 @@ TEST_F(QelAudit, APollReadsOneMessageAndGoesOnAfterAFailure) {
   for (const int result : {1, 1, 0}) EXPECT_EQ(poll_once(), result);
   EXPECT_EQ(calls.messages, 2);
   EXPECT_TRUE(has_overrun());
+}
+
+TEST_F(QelAudit, LateWritesAreFoundWhileRecordsKeepComingButNotBehindAFailedCheck) {
+  test::ScratchFile passwd;
+  test::redirect("/etc/passwd", passwd.path());
+  ASSERT_EQ(qel_user_reg_callback(
+                "eve", QEL_USER_ADDED, [](const qel_user_info*, void*) { return 0; }, nullptr),
+            0);
+  poll_all();
+  audit_ctx ctx = {};
+  ctx.ruletype = kPasswdRule;
+  EXPECT_EQ(handle_audit_event(&ctx), 0);
+  const int walks = test::walks.passwd.started;
+  passwd.append("text");
+  offline::advance_clock(std::chrono::milliseconds(100));
+  offline::fail_poll(EBADF);
+  EXPECT_EQ(poll_once(), 0);
+  EXPECT_EQ(test::walks.passwd.started, walks);
+  for (int i = 0; i < 2; ++i) offline::feed(AUDIT_CWD, "audit(1700000000.000:7): cwd=\"/\"");
+  EXPECT_EQ(poll_once(), 1);
+  EXPECT_EQ(test::walks.passwd.started, walks + 1);
 }
 
 // Polls at these times, always of a library that has just been started, in a process of its own; the
