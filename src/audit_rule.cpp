@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "audit_replies.h"
+#include "digits.h"
 #include "log.h"
 #include "memory.h"
 #include "rule_purge.h"
@@ -125,8 +126,27 @@ bool send_rule(const Rule& rule, Request request) {
 
 // ---- System call rules -------------------------------------------------------------------------
 
+// Whether events of the call carry another name. libaudit ignores case and takes numbers, too: the
+// rule would stand in front of others for the same call, and bring events that nobody asked for.
+bool has_another_name(const char* name) {
+  const int machine = audit_detect_machine();
+  int number = audit_name_to_syscall(name, machine);
+  if (number < 0 && qel::is_decimal(name[0])) {
+    number = static_cast<int>(std::strtol(name, nullptr, 0));
+  }
+  const char* known = number >= 0 ? audit_syscall_to_name(number, machine) : nullptr;
+  return known != nullptr && std::strcmp(known, name) != 0;
+}
+
+// Sets the call's bit in the rule. Returns what libaudit does, and -1 for a name that is not the
+// events' own.
+int set_syscall_bit(const Rule& rule, const char* name) {
+  const int result = audit_rule_syscallbyname_data(rule.get(), name);
+  return result == 0 && has_another_name(name) ? -1 : result;
+}
+
 bool set_syscall(const Rule& rule, const char* name) {
-  switch (audit_rule_syscallbyname_data(rule.get(), name)) {
+  switch (set_syscall_bit(rule, name)) {
     case 0:
       return true;
     case -1:

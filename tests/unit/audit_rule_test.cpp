@@ -279,7 +279,7 @@ TEST_F(AuditRule, ARuleIsSentOnceAndCountsAsLoadedWhileTheKernelHasIt) {
 
 TEST_F(AuditRule, NoNameStandsForEverySystemCallAndSomeNamesAreRefused) {
   start();
-  for (const char* name : {"execve", "bind", "no_such"}) {
+  for (const char* name : {"execve", "bind", "no_such", "EXECVE", "Bind", "OpenAt", "59", "0x31"}) {
     EXPECT_EQ(audit_add_syscall_rule(name), -1);
     audit_del_syscall_rule(name);
   }
@@ -290,7 +290,10 @@ TEST_F(AuditRule, NoNameStandsForEverySystemCallAndSomeNamesAreRefused) {
   EXPECT_EQ(offline::rules().size(), 1U);
   EXPECT_EQ(errors(),
             "syscall execve reserved inside\nsyscall bind reserved inside\n"
-            "unknown syscall name: no_such\ninvalid param\n");
+            "unknown syscall name: no_such\nunknown syscall name: EXECVE\n"
+            "unknown syscall name: Bind\nunknown syscall name: OpenAt\n"
+            "unknown syscall name: 59\nunknown syscall name: 0x31\ninvalid param\n");
+  EXPECT_EQ(audit_add_syscall_rule("1999_c000003e"), 1) << "a call that libaudit has no name for";
 }
 
 TEST_F(AuditRule, TheRegistryHoldsCopiesOf256Names) {
