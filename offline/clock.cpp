@@ -24,6 +24,7 @@ constexpr std::int64_t kNanosecondsPerMillisecond = 1'000'000;
 struct Clock {
   std::atomic<bool> set = false;
   std::atomic<std::int64_t> now_ns = 0;
+  std::atomic<std::int64_t> tick_ns = 0;
   std::atomic<unsigned> polls = 0;
   std::atomic<unsigned> polls_to_fail = 0;
   std::atomic<int> poll_errno = 0;
@@ -58,8 +59,13 @@ void advance_clock(std::chrono::nanoseconds by) {
   clock_state.now_ns += by.count();
 }
 
+void set_clock_tick(std::chrono::nanoseconds by) {
+  clock_state.tick_ns = by.count();
+}
+
 void release_clock() {
   clock_state.set = false;
+  clock_state.tick_ns = 0;
   clock_state.polls = 0;
   clock_state.polls_to_fail = 0;
 }
@@ -82,7 +88,7 @@ extern "C" {
 int clock_gettime(clockid_t id, timespec* now) noexcept {
   if (!clock_state.set || !is_settable(id))
     return static_cast<int>(syscall(SYS_clock_gettime, id, now));
-  *now = to_timespec(clock_state.now_ns);
+  *now = to_timespec(clock_state.now_ns += clock_state.tick_ns);
   return 0;
 }
 
@@ -98,6 +104,7 @@ int poll(pollfd* fds, nfds_t count, int timeout_ms) {
   ++clock_state.polls;
   if (clock_state.polls_to_fail != 0) {
     --clock_state.polls_to_fail;
+    clock_state.now_ns += clock_state.tick_ns;
     errno = clock_state.poll_errno;
     return -1;
   }

@@ -15,7 +15,10 @@ namespace offline {
 void set_clock(std::time_t seconds);
 // The clock has to be set.
 void advance_clock(std::chrono::nanoseconds by);
-// Back to the kernel's clocks and poll; forgets planned failures and the count of polls.
+// From now on each look at the clock moves it on by `by`, and each interrupted poll as well: for code
+// that waits until a time has come.
+void set_clock_tick(std::chrono::nanoseconds by);
+// Back to the kernel's clocks and poll; forgets the tick, planned failures and the count of polls.
 void release_clock();
 
 // The next `times` calls of poll fail with this errno.

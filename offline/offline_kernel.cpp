@@ -85,6 +85,7 @@ struct Kernel {
 
   AckOrder ack_order = AckOrder::kAckFirst;
   bool silent = false;
+  bool flood = false;
   bool config_records = true;
   bool other_receiver = false;
   uid_t loginuid = AUDIT_UID_UNSET;
@@ -194,8 +195,14 @@ bool is_record(int type) {
   return type == AUDIT_USER || type == AUDIT_LOGIN || type >= AUDIT_FIRST_USER_MSG;
 }
 
+void keep_flooding() {
+  constexpr char kRecord[] = "audit(1700000000.000:1): cwd=\"/\"";
+  if (kernel.flood && kernel.queue.empty()) queue_record(AUDIT_CWD, kRecord, 0);
+}
+
 void drop_first() {
   kernel.queue.pop_front();
+  keep_flooding();
   show_readiness();
 }
 
@@ -352,11 +359,13 @@ int request_status() {
   return read_outcome(request);
 }
 
-// libaudit throws away the records in front of the reply, and gives up at an acknowledgement.
+// libaudit throws away the records in front of the reply, and gives up at an acknowledgement or
+// after forty messages.
 int read_enabled() {
+  constexpr int kMostMessages = 40;
   if (request_status() <= 0) return -1;
   audit_reply reply;
-  while (receive(reply, false) > 0) {
+  for (int i = 0; i < kMostMessages && receive(reply, false) > 0; ++i) {
     if (reply.type == NLMSG_DONE || reply.type == NLMSG_ERROR) return -1;
     if (reply.type == AUDIT_GET) return static_cast<int>(reply.status->enabled);
   }
@@ -463,6 +472,10 @@ void set_locked(bool locked) {
 }
 void set_silent(bool silent) {
   kernel.silent = silent;
+}
+void set_flood(bool flood) {
+  kernel.flood = flood;
+  keep_flooding();
 }
 void set_config_records(bool wanted) {
   kernel.config_records = wanted;

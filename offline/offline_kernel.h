@@ -73,6 +73,8 @@ void set_auditing(bool on);
 void set_locked(bool locked);
 // Status and list requests are acknowledged but get no answer.
 void set_silent(bool silent);
+// Records come as fast as they are read: one always waits.
+void set_flood(bool flood);
 // Whether requests cause CONFIG_CHANGE records. A kernel writes them, for failed requests too,
 // while auditing is on; they reach the receiver only. Their serials start at 4000000001, out of the
 // way of fed records. Without them the socket stays empty and every request returns its true

@@ -4,7 +4,8 @@
 #include <sys/socket.h>
 #include <time.h>
 
-#include <cerrno>
+#include <algorithm>
+#include <limits>
 
 #include "audit_rule.h"
 
@@ -16,9 +17,15 @@ constexpr int kReplyWait_ms = 100;
 constexpr int kMaxEmptyReads = 40;
 constexpr std::int64_t kReplyTimeout_ms = 4000;
 constexpr std::int64_t kDiscardTime_ms = 1000;
+constexpr std::int64_t kExchangeTime_ms = 10'000;
+constexpr std::int64_t kNever_ms = std::numeric_limits<std::int64_t>::max();
+
+// libaudit waits for a status for four seconds; what it refuses sooner has been answered.
+constexpr std::int64_t kAnswered_ms = 1000;
 
 struct {
   bool overrun;
+  std::int64_t end_ms = kNever_ms;  // of the exchange; like all times here of CLOCK_MONOTONIC
 } state;
 
 std::int64_t now_ms() {
@@ -27,14 +34,17 @@ std::int64_t now_ms() {
   return now.tv_sec * std::int64_t{1000} + now.tv_nsec / 1'000'000;
 }
 
-// Waits for something to read. Returns whether a read is worth trying, which it also is when the
-// time is up: a failed wait is not.
+// Waits for something to read; a signal does not make the wait longer. Returns whether a read is
+// worth trying, which it also is when the time is up: a failed wait is not.
 bool wait_for_message() {
   pollfd audit = {.fd = audit_fd, .events = POLLIN, .revents = 0};
+  const std::int64_t end_ms = now_ms() + kReplyWait_ms;
+  std::int64_t left_ms = kReplyWait_ms;
   int ready;
   do {
-    ready = poll(&audit, 1, kReplyWait_ms);
-  } while (ready < 0 && errno == EINTR);
+    ready = poll(&audit, 1, static_cast<int>(left_ms));
+    left_ms = end_ms - now_ms();
+  } while (ready < 0 && errno == EINTR && left_ms > 0);
   return ready >= 0 && (audit.revents & POLLNVAL) == 0;
 }
 
@@ -52,6 +62,25 @@ bool take_enabled(const audit_reply& reply, void* enabled) {
 }
 
 }  // namespace
+
+KernelExchange::KernelExchange() {
+  state.end_ms = now_ms() + kExchangeTime_ms;
+  sigset_t blocked;
+  sigfillset(&blocked);
+  for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT, SIGTRAP, SIGSYS}) {
+    sigdelset(&blocked, fault);
+  }
+  pthread_sigmask(SIG_BLOCK, &blocked, &blocked_before_);
+}
+
+KernelExchange::~KernelExchange() {
+  pthread_sigmask(SIG_SETMASK, &blocked_before_, nullptr);
+  state.end_ms = kNever_ms;
+}
+
+bool is_time_up() {
+  return now_ms() >= state.end_ms;
+}
 
 void prepare_socket() {
   state.overrun = false;
@@ -74,6 +103,14 @@ bool has_overrun() {
   return state.overrun;
 }
 
+int delete_listed_rule(audit_rule_data* rule, int flags, int action) {
+  int result = audit_delete_rule_data(audit_fd, rule, flags, action);
+  if (result != -ENOBUFS) return result;
+  note_overrun();
+  result = audit_delete_rule_data(audit_fd, rule, flags, action);
+  return result == -ENOENT ? 1 : outcome_of(result);
+}
+
 bool has_unread() {
   pollfd audit = {.fd = audit_fd, .events = POLLIN, .revents = 0};
   return poll(&audit, 1, 0) > 0 && (audit.revents & POLLIN) != 0;
@@ -83,7 +120,7 @@ bool has_unread() {
 // in it most of the time.
 void discard_waiting() {
   audit_reply reply;
-  const std::int64_t deadline_ms = now_ms() + kDiscardTime_ms;
+  const std::int64_t deadline_ms = std::min(now_ms() + kDiscardTime_ms, state.end_ms);
   while (now_ms() < deadline_ms) {
     const int result = read_message(reply);
     if (result <= 0 && result != -ENOBUFS) break;
@@ -95,6 +132,10 @@ void read_replies(std::uint32_t sequence, TakeReply take, void* argument) {
   audit_reply reply;
   std::int64_t deadline_ms = now_ms() + kReplyTimeout_ms;
   for (int empty_reads = 0; empty_reads < kMaxEmptyReads;) {
+    if (is_time_up()) {
+      note_overrun();
+      return;
+    }
     if (!wait_for_message() || read_message(reply) <= 0) {
       ++empty_reads;
       continue;
@@ -114,8 +155,9 @@ void read_replies(std::uint32_t sequence, TakeReply take, void* argument) {
 // over from audit_set_pid, which it then has read: hence the second try. Records that the kernel
 // kept while there was no receiver can be more.
 int ask_enabled() {
+  const std::int64_t asked_ms = now_ms();
   int enabled = audit_is_enabled(audit_fd);
-  if (enabled < 0) enabled = audit_is_enabled(audit_fd);
+  if (enabled < 0 && now_ms() - asked_ms < kAnswered_ms) enabled = audit_is_enabled(audit_fd);
   if (enabled >= 0 || !has_unread()) return enabled;
   discard_waiting();
   const int sequence = audit_request_status(audit_fd);

@@ -111,15 +111,26 @@ bool add_key(Rule& rule, RuleType type) {
 int delete_rule(audit_rule_data* rule) {
   const int result = audit_delete_rule_data(audit_fd, rule, kRuleFlags, AUDIT_ALWAYS);
   if (result >= 0 && !has_unread()) return result;
-  const int listed = audit_delete_rule_data(audit_fd, rule, AUDIT_FILTER_EXIT, AUDIT_ALWAYS);
+  const int listed = delete_listed_rule(rule, AUDIT_FILTER_EXIT, AUDIT_ALWAYS);
+  if (result == -ENOBUFS) return listed == -ENOENT ? outcome_of(result) : listed;
   return result >= 0 ? result : listed;
+}
+
+// When nobody knows whether the kernel has loaded the rule, it is deleted and added again: with the
+// prepend bit the kernel takes the same rule any number of times.
+int add_rule(audit_rule_data* rule) {
+  int result = audit_add_rule_data(audit_fd, rule, kRuleFlags, AUDIT_ALWAYS);
+  if (result != -ENOBUFS) return result;
+  note_overrun();
+  delete_rule(rule);
+  result = audit_add_rule_data(audit_fd, rule, kRuleFlags, AUDIT_ALWAYS);
+  return result == -EEXIST ? 1 : outcome_of(result);
 }
 
 bool send_rule(const Rule& rule, Request request) {
   const bool add = request == Request::kAdd;
-  const int result = add ? audit_add_rule_data(audit_fd, rule.get(), kRuleFlags, AUDIT_ALWAYS)
-                         : delete_rule(rule.get());
-  if (outcome_of(result) >= 0) return true;
+  const int result = add ? add_rule(rule.get()) : delete_rule(rule.get());
+  if (result >= 0) return true;
   QEL_ERROR("audit_%s_rule_data failed\n", add ? "add" : "del");
   return false;
 }
@@ -200,7 +211,7 @@ constexpr Permission kPermissions[] = {{'r', AUDIT_PERM_READ},
                                        {'x', AUDIT_PERM_EXEC},
                                        {'a', AUDIT_PERM_ATTR}};
 
-bool is_watchable(std::string_view path) {
+bool check_path(std::string_view path) {
   if (path.size() > kMaxPathLength) {
     QEL_ERROR("path too long\n");
     return false;
@@ -319,24 +330,24 @@ bool become_receiver() {
   return false;
 }
 
-bool is_locked() {
-  if (ask_enabled() < kLocked) return false;
+bool check_unlocked() {
+  if (ask_enabled() < kLocked) return true;
   QEL_ERROR("audit is locked\n");
-  return true;
+  return false;
 }
 
 bool switch_on() {
-  if (outcome_of(audit_set_enabled(audit_fd, 1)) >= 0) return true;
+  if (ask_twice([] { return audit_set_enabled(audit_fd, 1); }) >= 0) return true;
   QEL_ERROR("audit_set_enabled failed, uid=%u pid=%d", audit_getloginuid(), getpid());
   return false;
 }
 
 // None of these is worth failing a start for.
-void configure() {
-  if (outcome_of(audit_set_rate_limit(audit_fd, kNoRateLimit)) <= 0) {
+void set_limits_and_purge() {
+  if (ask_twice([] { return audit_set_rate_limit(audit_fd, kNoRateLimit); }) <= 0) {
     QEL_ERROR("audit_set_rate_limit failed\n");
   }
-  if (outcome_of(audit_set_backlog_limit(audit_fd, kBacklogLimit)) <= 0) {
+  if (ask_twice([] { return audit_set_backlog_limit(audit_fd, kBacklogLimit); }) <= 0) {
     QEL_ERROR("audit_set_backlog_limit failed\n");
   }
   if (!delete_all_audit_rules()) QEL_ERROR("delete_all_audit_rules failed\n");
@@ -362,22 +373,24 @@ int audit_subsys_init() {
     audit_fd = -1;
     return -1;
   }
+  const KernelExchange exchange;
   prepare_socket();
   if (!become_receiver()) {
     close_connection();
     return -1;
   }
-  if (is_locked() || !switch_on()) {
+  if (!check_unlocked() || !switch_on()) {
     unregister_and_close();
     return -1;
   }
-  configure();
+  set_limits_and_purge();
   return 0;
 }
 
 int audit_subsys_fini() {
   forget_syscalls();
   if (audit_fd >= 0) {
+    const KernelExchange exchange;
     delete_all_audit_rules();
     unregister_and_close();
   }
@@ -387,7 +400,7 @@ int audit_subsys_fini() {
 
 bool send_watch_rule(Request request, const char* path, const char* permissions, RuleType type) {
   Rule rule = new_rule();
-  return is_watchable(path) && set_path(rule, path) && set_permissions(rule, permissions) &&
+  return check_path(path) && set_path(rule, path) && set_permissions(rule, permissions) &&
          add_key(rule, type) && send_rule(rule, request);
 }
 

@@ -94,8 +94,8 @@ bool take_listed(const audit_reply& reply, void* argument) {
 
 bool delete_rules(ListedRules& rules) {
   while (const Rule rule = rules.pop()) {
-    const int result = outcome_of(audit_delete_rule_data(
-        audit_fd, rule.get(), static_cast<int>(rule->flags), static_cast<int>(rule->action)));
+    const int result = delete_listed_rule(rule.get(), static_cast<int>(rule->flags),
+                                          static_cast<int>(rule->action));
     if (result < 0) {
       QEL_ERROR("deleting rule failed: %s\n", strerror(-result));
       return false;
@@ -138,6 +138,7 @@ bool delete_all_audit_rules() {
     if (has_overrun()) discard_waiting();
     if (!delete_listed_rules()) return false;
     if (!has_overrun()) return true;
+    if (is_time_up()) return false;
   }
   return false;
 }

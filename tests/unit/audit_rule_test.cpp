@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <regex>
@@ -20,6 +21,7 @@
 
 namespace {
 
+using namespace std::chrono_literals;
 using offline::Call;
 using offline::Rule;
 
@@ -167,6 +169,27 @@ TEST_F(AuditRule, AWaitIsRepeatedWhenInterruptedAndCountsAsAnEmptyReadWhenItFail
   EXPECT_TRUE(offline::rules().empty());
 }
 
+// Signals that interrupt each wait, and an unanswered list among records that keep coming.
+TEST_F(AuditRule, NeitherSignalsNorRecordsHoldAStartOrAStopUpForMoreThanTenSeconds) {
+  offline::set_silent(true);
+  offline::set_clock_tick(1ms);
+  offline::fail_poll(EINTR, 1'000'000);
+  open();
+  EXPECT_LE(std::time(nullptr), test::kStart_s + 5);
+  close();
+  EXPECT_LE(std::time(nullptr), test::kStart_s + 10);
+  EXPECT_EQ(errors(), "");
+
+  offline::fail_poll(0, 0);
+  offline::set_clock(test::kStart_s);
+  offline::set_flood(true);
+  open();
+  EXPECT_LE(std::time(nullptr), test::kStart_s + 10);
+  close();
+  EXPECT_LE(std::time(nullptr), test::kStart_s + 20);
+  EXPECT_EQ(errors(), "delete_all_audit_rules failed\n");
+}
+
 TEST_F(AuditRule, RepliesToOtherRequestsAndRulesWhoseLengthLiesAreDropped) {
   start();
   ASSERT_EQ(audit_add_bind_rule(), 1);
@@ -202,10 +225,6 @@ TEST_F(AuditRule, AnOverrunFailsNothingAndHasThePurgeRepeatedTenTimesAtMost) {
     EXPECT_TRUE(offline::rules().empty());
     close();
   }
-  start();
-  offline::fail(Call::kAddRule, -ENOBUFS);
-  EXPECT_EQ(audit_add_bind_rule(), 1);
-  close();
   EXPECT_EQ(errors(), "");
 
   preload_three_rules();
@@ -215,6 +234,38 @@ TEST_F(AuditRule, AnOverrunFailsNothingAndHasThePurgeRepeatedTenTimesAtMost) {
   EXPECT_EQ(offline::calls(Call::kRequestRules) - before, 10U);
   EXPECT_EQ(errors(), "delete_all_audit_rules failed\n");
   offline::fail(Call::kDeleteRule, 0, 0);
+}
+
+TEST_F(AuditRule, ARuleIsAskedForAgainWhenAnOverrunHidTheAnswer) {
+  start();
+  offline::fail(Call::kAddRule, -ENOBUFS);
+  EXPECT_EQ(audit_add_bind_rule(), 1);
+  ASSERT_EQ(offline::rules().size(), 1U);
+  const Rule loaded = offline::copy_rule(*offline::rules()[0]);
+  offline::fail(Call::kDeleteRule, -ENOBUFS);
+  audit_del_bind_rule();
+  EXPECT_TRUE(offline::rules().empty());
+  offline::preload_rule(*loaded);
+  offline::fail(Call::kAddRule, -ENOBUFS);
+  EXPECT_EQ(audit_add_bind_rule(), 1);
+  EXPECT_EQ(offline::rules().size(), 1U) << "the kernel had loaded it";
+  audit_del_bind_rule();
+  EXPECT_EQ(errors(), "");
+
+  offline::set_locked(true);
+  offline::fail(Call::kAddRule, -ENOBUFS);
+  EXPECT_EQ(audit_add_bind_rule(), -1);
+  EXPECT_EQ(errors(), "audit_add_rule_data failed\n");
+}
+
+TEST_F(AuditRule, ARequestWhoseOutcomeNobodyKnowsCountsAsDone) {
+  start();
+  offline::fail(Call::kAddRule, -ENOBUFS, 2);
+  EXPECT_EQ(audit_add_bind_rule(), 1);
+  offline::fail(Call::kDeleteRule, -ENOBUFS, 3);
+  audit_del_bind_rule();
+  EXPECT_EQ(audit_add_bind_rule(), 1);
+  EXPECT_EQ(errors(), "");
 }
 
 TEST_F(AuditRule, AnOverrunIsForgottenWithItsConnection) {
