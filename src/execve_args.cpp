@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <tuple>
 #include <utility>
 
 #include "log.h"
@@ -19,7 +20,8 @@
 // with, quotes not counted, and comes as "aN[0]=... aN[1]=...", in as many records as it takes.
 // Every field is found by plain substring search for the slot that is to be filled next.
 //
-// Work per record is linear in its length whatever it holds: a search that fails is not made again.
+// Work per record grows with its length and no faster, whatever it holds: fields out of order are found
+// in one pass and sorted.
 
 namespace {
 
@@ -155,6 +157,91 @@ class ExpectedName {
   std::size_t length_;
 };
 
+// ---- Fields out of order -----------------------------------------------------------------------
+
+// A field of a record, ordered by slot, piece and place.
+struct Field {
+  std::int32_t slot;
+  std::int32_t piece;  // 0 of what has no pieces
+  const char* value;
+
+  bool operator<(const Field& other) const {
+    return std::tie(slot, piece, value) < std::tie(other.slot, other.piece, other.value);
+  }
+};
+
+// Steps back over a number that ends at `at`, but not before `from`. Returns it, or kNoIndex.
+std::int32_t step_back_number(const char* from, const char*& at) {
+  const char* const end = at;
+  while (at != from && qel::is_decimal(at[-1])) --at;
+  const char* behind = at;
+  const std::int32_t number = read_index(behind, end);
+  return behind == end ? number : kNoIndex;
+}
+
+bool step_back_text(const char* from, const char*& at, std::string_view text) {
+  if (at - from < static_cast<std::ptrdiff_t>(text.size())) return false;
+  if (std::string_view(at - text.size(), text.size()) != text) return false;
+  at -= text.size();
+  return true;
+}
+
+// Each reads one kind of name backwards from its "=". Returns whether there is such a name.
+bool read_whole(const char* from, const char* at, Field& field) {
+  field.slot = step_back_number(from, at);
+  return field.slot != kNoIndex && step_back_text(from, at, "a");
+}
+
+bool read_announced(const char* from, const char* at, Field& field) {
+  return step_back_text(from, at, "_len") && read_whole(from, at, field);
+}
+
+bool read_piece_name(const char* from, const char* at, Field& field) {
+  if (!step_back_text(from, at, "]")) return false;
+  field.piece = step_back_number(from, at);
+  return field.piece != kNoIndex && step_back_text(from, at, "[") && read_whole(from, at, field);
+}
+
+// All fields of one kind in the rest of a record. Only needed where the next word is not the field
+// that is to come next: after lost records, or in a hostile record. Slots, pieces and places that
+// are asked for only grow, so that what was stepped over is never needed again.
+class OddFields {
+ public:
+  using ReadName = bool (*)(const char* from, const char* at, Field& field);
+
+  explicit OddFields(ReadName read_name) : read_name_(read_name) {}
+
+  // The first field that is not less than `wanted` and whose value stands behind that place, or
+  // null.
+  const Field* first_from(const Field& wanted, const char* end) {
+    if (fields_ == nullptr) collect(wanted.value, end);
+    while (next_ != end_ && (*next_ < wanted || next_->value <= wanted.value)) ++next_;
+    return next_ != end_ ? next_ : nullptr;
+  }
+
+ private:
+  void collect(const char* from, const char* end) {
+    constexpr std::size_t kShortestName = 3;  // "a0="
+    const std::size_t most = static_cast<std::size_t>(end - from) / kShortestName + 1;
+    fields_.reset(QEL_CHECKED(static_cast<Field*>(std::malloc(most * sizeof(Field)))));
+    next_ = end_ = fields_.get();
+    const char* at = from;
+    while ((at = qel::find_field(at, end, "=")) != nullptr) {
+      Field field = {.slot = 0, .piece = 0, .value = at + 1};
+      if (read_name_(from, at, field)) *end_++ = field;
+      ++at;
+    }
+    std::sort(next_, end_);
+  }
+
+  ReadName read_name_;
+  qel::Owned<Field> fields_;
+  Field* next_ = nullptr;
+  Field* end_ = nullptr;
+};
+
+// ---- Reading -----------------------------------------------------------------------------------
+
 // One pass over one record.
 class ArgumentReader {
  public:
@@ -218,19 +305,18 @@ class ArgumentReader {
 
   void read_argument(const Word& word) {
     const bool expected = word.index == ctx_.arg_index;
-    const char* value = expected ? word.behind : skip_to_argument("=");
+    const char* value = expected ? word.behind : skip_to_argument(whole_);
     if (value != nullptr) fill_slot(decode(take_value(value)));
   }
 
   bool read_announcement(const Word& word) {
     const std::string_view rest(word.behind, static_cast<std::size_t>(end_ - word.behind));
     const bool expected = word.index == ctx_.arg_index && rest.starts_with(kLength.substr(1));
-    const char* value = expected ? word.behind + kLength.size() - 1 : skip_to_argument(kLength);
+    const char* value = expected ? word.behind + kLength.size() - 1 : skip_to_argument(announced_);
     if (value == nullptr) return true;
     ctx_.arg_left = to_int32(take_value(value));
     ctx_.arg_parts = 0;
     ctx_.arg_offset = 0;
-    piece_missing_ = false;
     if (ctx_.arg_left <= 0) return false;
     ctx_.arg_left = std::min(ctx_.arg_left, kMaxSplitLength);
     return true;
@@ -239,28 +325,12 @@ class ArgumentReader {
   // Looks for the field of the slot to fill, or of the first slot behind it that has one in the
   // rest of the record; the slots in between stay without text. Returns the place of its value, or
   // null when no slot has one.
-  const char* skip_to_argument(std::string_view suffix) {
-    std::int32_t nearest = ctx_.argc;
-    const char* value = nullptr;
-    for (const char* at = at_; nearest != ctx_.arg_index; ++at) {
-      at = qel::find_field(at, end_, suffix);
-      if (at == nullptr) break;
-      const std::int32_t index = index_before(at);
-      if (index < ctx_.arg_index || index >= nearest) continue;
-      nearest = index;
-      value = at + suffix.size();
-    }
+  const char* skip_to_argument(OddFields& fields) {
+    const Field* field = fields.first_from({ctx_.arg_index, 0, at_}, end_);
+    const bool found = field != nullptr && field->slot < ctx_.argc;
+    const std::int32_t nearest = found ? field->slot : ctx_.argc;
     while (ctx_.arg_index < nearest) fill_slot(empty_text());
-    return value;
-  }
-
-  // The number of an "aN" that ends at `behind`, or kNoIndex.
-  std::int32_t index_before(const char* behind) const {
-    const char* at = behind;
-    while (at != at_ && qel::is_decimal(at[-1])) --at;
-    if (at == at_ || at[-1] != 'a') return kNoIndex;
-    const std::int32_t index = read_index(at, behind);
-    return at == behind ? index : kNoIndex;
+    return found ? field->value : nullptr;
   }
 
   void read_piece(const Word& word) {
@@ -282,13 +352,10 @@ class ArgumentReader {
       if (read_index(at, end_) == ctx_.arg_parts && end_ - at >= 2 && at[0] == ']' && at[1] == '=')
         return at + 2;
     }
-    if (piece_missing_) return nullptr;
-    char name[64];
-    const auto length = static_cast<std::size_t>(
-        str_snprintf(name, sizeof(name), "a%d[%d]=", ctx_.arg_index, ctx_.arg_parts));
-    const char* found = qel::find_field(at_, end_, {name, length});
-    piece_missing_ = found == nullptr;
-    return piece_missing_ ? nullptr : found + length;
+    const Field* field = pieces_.first_from({ctx_.arg_index, ctx_.arg_parts, at_}, end_);
+    const bool found =
+        field != nullptr && field->slot == ctx_.arg_index && field->piece == ctx_.arg_parts;
+    return found ? field->value : nullptr;
   }
 
   // Appends a piece, cut to the announced length. Pieces are put together in their written form: a
@@ -347,7 +414,9 @@ class ArgumentReader {
   audit_ctx& ctx_;
   const char* at_;
   const char* const end_;
-  bool piece_missing_ = false;  // the rest of the record does not have the piece that comes next
+  OddFields whole_{read_whole};
+  OddFields announced_{read_announced};
+  OddFields pieces_{read_piece_name};
 };
 
 }  // namespace
