@@ -307,8 +307,14 @@ bool has_payload(const audit_reply& reply) {
   return reply.message != nullptr && reply.len >= 0 && reply.len <= MAX_AUDIT_MESSAGE_LENGTH;
 }
 
-// The text of a record. It is not terminated: its length is the kernel's, and the bytes of an
-// earlier message may follow.
+// A record's length is its text's, and the bytes of an earlier message follow. Only libaudit's own
+// storage is known to have room for a terminator.
+void terminate(audit_reply& reply) {
+  if (reply.message == reply.msg.data && reply.len < MAX_AUDIT_MESSAGE_LENGTH)
+    reply.msg.data[reply.len] = '\0';
+}
+
+// The text of a record.
 std::string_view text_of(const audit_reply& reply) {
   return {reply.message, strnlen(reply.message, static_cast<std::size_t>(reply.len))};
 }
@@ -350,7 +356,8 @@ int get_audit_type(audit_ctx* ctx) {
 }
 
 int handle_audit_msg(audit_reply* reply) {
-  if (!has_payload(*reply)) return -1;
+  if (qel::handling_record() || !has_payload(*reply)) return -1;
+  terminate(*reply);
   // Types come first: of many records, such as CWD and PROCTITLE, no byte of the text is looked at.
   switch (reply->type) {
     case AUDIT_GET:

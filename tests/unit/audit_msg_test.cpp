@@ -6,6 +6,7 @@
 #include <qel_base.h>
 
 #include <chrono>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <optional>
@@ -144,6 +145,19 @@ TEST_F(AuditMsg, ReplyWithoutPayloadOrWithALyingLengthIsDropped) {
   }
   EXPECT_EQ(log(), "");
   end(7);
+}
+
+TEST_F(AuditMsg, TextIsTerminatedAtItsLengthWhateverItsType) {
+  for (const int type : {AUDIT_SYSCALL, AUDIT_CWD, 9999}) {
+    audit_reply reply = {};
+    std::memset(reply.msg.data, 'x', sizeof(reply.msg.data));
+    reply.type = type;
+    reply.message = reply.msg.data;
+    reply.len = 100;
+    EXPECT_EQ(handle_audit_msg(&reply), -1);
+    EXPECT_EQ(std::string(reply.message), std::string(100, 'x'));
+    EXPECT_EQ(reply.msg.data[101], 'x');
+  }
 }
 
 TEST_F(AuditMsg, TextMayFillTheStorage) {
