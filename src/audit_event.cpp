@@ -31,6 +31,7 @@ void run_entry(const callback_registry& registry, std::uint16_t index, const voi
                std::uint32_t filter) {
   const callback_entry& entry = registry.entries[index];
   if (registry.ops->filter_match(&entry.filter, &filter) != 0) return;
+  const qel::HostScope scope;
   registry.ops->run(event, &entry.callback);
 }
 
@@ -259,6 +260,7 @@ int dispatch_event(const void* event) {
 }
 
 int handle_audit_event(audit_ctx* ctx) {
+  if (qel::in_host_function()) return -1;
   const qel::RecordScope scope;
   switch (ctx->ruletype) {
     case kPasswdRule:

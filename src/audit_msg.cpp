@@ -328,7 +328,7 @@ int audit_msg_init() {
 }
 
 void audit_msg_fini() {
-  if (state.contexts == nullptr) return;
+  if (state.contexts == nullptr || qel::handling_record()) return;
   xhash_destroy(std::exchange(state.contexts, nullptr));
   xhash_cookie_destroy(std::exchange(state.scan_place, nullptr));
   std::free(std::exchange(state.spare, nullptr));
@@ -336,6 +336,7 @@ void audit_msg_fini() {
 }
 
 void scan_audit_ctx(std::int64_t now) {
+  if (qel::handling_record()) return;  // it might delete the context in progress
   if (state.contexts == nullptr || xhash_count(state.contexts) == 0) return;
   xhash_walk_partial(state.contexts, state.scan_place, reinterpret_cast<void*>(now),
                      audit_ctx_timeout);

@@ -205,6 +205,7 @@ void mark_added_and_changed() {
 // emitter wants no more: what is still marked then is offered by the next comparison, if it is
 // still known.
 bool emit_marked(Accounts& accounts, passwd_emitter emitter, audit_ctx* ctx) {
+  const qel::HostScope scope;
   for (passwd_entry* entry = accounts.list.first(); entry != nullptr;
        entry = accounts.list.after(entry)) {
     if (entry->flags == 0) continue;
@@ -248,6 +249,7 @@ int passwd_init() {
 }
 
 void passwd_fini() {
+  if (qel::handling_record()) return;
   if (!is_running()) {
     QEL_ERROR("passwd not inited\n");
     return;
@@ -261,6 +263,7 @@ void passwd_fini() {
 }
 
 int check_passwd_event(passwd_emitter emitter, audit_ctx* ctx) {
+  if (qel::in_host_function()) return -1;
   const qel::RecordScope scope;
   if (!is_running()) {
     QEL_ERROR("passwd not inited\n");

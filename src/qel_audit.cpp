@@ -339,6 +339,10 @@ bool check_mask(int event_mask, const callback_pair& callback) {
 callback_registry audit_cb_list[QEL_CLASS_COUNT];
 
 int qel_audit_init() {
+  if (qel::has_put_off()) {
+    QEL_ERROR("the library is about to stop\n");
+    return -1;
+  }
   return state.started ? 0 : start();
 }
 

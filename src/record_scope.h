@@ -1,6 +1,7 @@
-// Puts off a stop that a client callback asks for until the record being handled is finished:
-// stopping frees the contexts, snapshots and registries that the code below the callback still
-// uses.
+// What functions of the host may do while the library is at work below them: a client's callback, or
+// an emitter of the host's. A stop that they ask for is put off until the record being handled is
+// finished, because it frees the contexts, snapshots and registries that the code below them still
+// uses. The exported functions that would change those are refused.
 #pragma once
 
 namespace qel {
@@ -8,6 +9,7 @@ namespace qel {
 // The state that RecordScope keeps; nobody else touches it.
 struct RecordState {
   int depth;
+  int host_depth;
   void (*put_off)();
 };
 extern RecordState record_state;
@@ -26,15 +28,34 @@ class RecordScope {
   RecordScope& operator=(const RecordScope&) = delete;
 };
 
+// Held while a function of the host runs.
+class HostScope {
+ public:
+  HostScope() { ++record_state.host_depth; }
+  ~HostScope() { --record_state.host_depth; }
+  HostScope(const HostScope&) = delete;
+  HostScope& operator=(const HostScope&) = delete;
+};
+
 // Whether a record is being handled.
 inline bool handling_record() {
   return record_state.depth > 0;
+}
+
+// Whether a function of the host runs.
+inline bool in_host_function() {
+  return record_state.host_depth > 0;
 }
 
 // Has `action` called when the record being handled is finished, once however often it was asked
 // for.
 inline void after_record(void (*action)()) {
   record_state.put_off = action;
+}
+
+// Whether something was put off.
+inline bool has_put_off() {
+  return record_state.put_off != nullptr;
 }
 
 }  // namespace qel

@@ -270,6 +270,7 @@ void mark_logins() {
 // Oldest first, as in the file.
 void emit_marked(wtmp_emitter emitter, audit_ctx* ctx) {
   if (emitter == nullptr) return;
+  const qel::HostScope scope;
   for (wtmp_entry* entry = state.fresh.list.last(); entry != nullptr;
        entry = state.fresh.list.before(entry)) {
     if (entry->flags != 0 && emitter(entry, ctx) != 0) return;
@@ -294,6 +295,7 @@ int login_log_init(const char* path) {
 }
 
 void login_log_fini() {
+  if (qel::handling_record()) return;
   if (!is_running()) {
     QEL_ERROR("login_log not inited\n");
     return;
@@ -303,6 +305,7 @@ void login_log_fini() {
 }
 
 int check_login_event(const char* path, wtmp_emitter emitter, audit_ctx* ctx) {
+  if (qel::in_host_function()) return -1;
   const qel::RecordScope scope;
   if (!is_running()) {
     QEL_ERROR("login_log not inited\n");

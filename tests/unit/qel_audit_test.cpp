@@ -82,6 +82,7 @@ int __real_login_log_init(const char* path);
 int __wrap_login_log_init(const char* path) {
   return note_part("login_log_init") ? 1 : __real_login_log_init(path);
 }
+void __real_scan_audit_ctx(std::int64_t now);
 void __wrap_scan_audit_ctx(std::int64_t) {
   ++calls.scans;
 }
@@ -437,6 +438,65 @@ TEST_F(QelAudit, AStopInsideACallbackWaitsForTheEndOfTheRecordAndAPollReadsNothi
   ASSERT_EQ(add_note("cat", first), 0);
   test::printed_by([] { dispatch_execution("cat"); });
   EXPECT_TRUE(is_stopped());
+}
+
+TEST_F(QelAudit, NothingStartsInACallbackThatHasAskedForAStop) {
+  Note note{"note", [] {
+              EXPECT_EQ(qel_audit_init(), 0);
+              qel_audit_fini();
+              EXPECT_EQ(qel_audit_init(), -1);
+              EXPECT_EQ(qel_execve_reg_callback("dog", ::note, nullptr), -1);
+            }};
+  start();
+  ASSERT_EQ(add_note("", note), 0);
+  test::feed_execution();
+  test::printed_by(poll_all);
+  EXPECT_EQ(test::errors(),
+            "qel_audit: the library is about to stop\nqel_audit: the library is about to stop\n");
+  EXPECT_TRUE(is_stopped());
+  start();
+  EXPECT_FALSE(is_stopped());
+}
+
+// What a host may call by mistake while the library is at work below it.
+void misuse_everything() {
+  audit_reply reply = {};
+  reply.type = AUDIT_EOE;
+  std::strcpy(reply.msg.data, "audit(1700000000.000:7): ");
+  reply.message = reply.msg.data;
+  reply.len = static_cast<int>(std::strlen(reply.message));
+  audit_ctx ctx = {};
+  ctx.ruletype = kPasswdRule;
+  EXPECT_EQ(handle_audit_msg(&reply), -1);
+  EXPECT_EQ(handle_audit_event(&ctx), -1);
+  EXPECT_EQ(check_passwd_event(nullptr, &ctx), -1);
+  EXPECT_EQ(check_login_event(nullptr, nullptr, &ctx), -1);
+  __real_scan_audit_ctx(4'000'000'000);
+  passwd_fini();
+  login_log_fini();
+  audit_msg_fini();
+}
+
+TEST_F(QelAudit, NothingThatACallbackOrAnEmitterCallsTakesAwayWhatTheLibraryWorksOn) {
+  Note first{"first", misuse_everything}, last{"last"};
+  start();
+  ASSERT_EQ(add_note("", first), 0);
+  ASSERT_EQ(add_note("", last), 0);
+  test::feed_execution();
+  poll_all();
+  EXPECT_EQ(notes, (Texts{"first", "last"}));
+
+  notes.clear();
+  test::databases.passwd = {{"dana", 1, 1}, {"evan", 2, 2}};
+  const auto misuse = [](passwd_entry* entry, audit_ctx*) {
+    misuse_everything();
+    notes.push_back(entry->name);
+    return 0;
+  };
+  EXPECT_EQ(check_passwd_event(misuse, nullptr), 0);
+  EXPECT_EQ(notes, (Texts{"dana", "evan"}));
+  EXPECT_EQ(check_passwd_event(misuse, nullptr), 0);
+  EXPECT_EQ(notes.size(), 2U);
 }
 
 }  // namespace
