@@ -59,7 +59,10 @@ int read_threshold() {
   const std::string_view digits = value != nullptr ? value : "";
   int level = 0;
   const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), level);
-  if (error != std::errc() || end != digits.data() + digits.size()) return QEL_LOG_NOTICE;
+  if (error == std::errc::invalid_argument || end != digits.data() + digits.size())
+    return QEL_LOG_NOTICE;
+  if (error == std::errc::result_out_of_range)
+    return digits.front() == '-' ? QEL_LOG_FATAL : QEL_LOG_DEBUG;
   return clamp_level(level);
 }
 

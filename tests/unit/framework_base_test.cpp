@@ -90,8 +90,9 @@ TEST(ErrorOutputDeathTest, ThresholdDecidesBeforeAnythingIsFormatted) {
     const char* environment;
     std::optional<int> set;
     int lines;
-  } cases[] = {{nullptr, {}, 3}, {"2", {}, 2}, {"17", {}, 4}, {"-1", {}, 1}, {"", {}, 3},
-               {"2x", {}, 3},    {"4", -7, 1}, {"0", 2, 2},   {"0", 99, 4}};
+  } cases[] = {{nullptr, {}, 3}, {"2", {}, 2},          {"17", {}, 4}, {"-1", {}, 1},
+               {"", {}, 3},      {"2x", {}, 3},         {"4", -7, 1},  {"0", 2, 2},
+               {"0", 99, 4},     {"99999999999", {}, 4}};
   for (const auto& [environment, set, lines] : cases) {
     setenv("QEL_LOG_LEVEL", environment != nullptr ? environment : "", 1);
     if (environment == nullptr) unsetenv("QEL_LOG_LEVEL");
