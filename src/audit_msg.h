@@ -40,7 +40,9 @@ struct audit_ctx {
   std::int32_t argc;  // slots of argv; 0 until the count has come, negative when it was refused
   char** argv;
 };
-static_assert(offsetof(audit_ctx, args) == 40 && offsetof(audit_ctx, sockaddr) == 88 &&
+static_assert(offsetof(audit_ctx, ruletype) == 12 && offsetof(audit_ctx, arch) == 20 &&
+              offsetof(audit_ctx, exit) == 32 && offsetof(audit_ctx, args) == 40 &&
+              offsetof(audit_ctx, uid) == 80 && offsetof(audit_ctx, sockaddr) == 88 &&
               offsetof(audit_ctx, path) == 216 && offsetof(audit_ctx, arg_index) == 240 &&
               offsetof(audit_ctx, argv) == 264 && sizeof(audit_ctx) == 272);
 

@@ -4,6 +4,7 @@
 
 #include <qel_audit.h>
 
+#include <cstddef>
 #include <cstdint>
 
 // A rule type; its name is the key of every kernel rule of that type.
@@ -11,6 +12,7 @@ struct audit_rule_type {
   std::int32_t id;
   char name[64];
 };
+static_assert(offsetof(audit_rule_type, name) == 4 && sizeof(audit_rule_type) == 68);
 
 // The ids of audit_rule_types. No rule of this library carries kLastloginRule's or kFakeloginRule's
 // key.

@@ -5,6 +5,7 @@
 #include <qel_audit.h>
 #include <qel_base.h>
 
+#include <cstddef>
 #include <cstdint>
 
 #include "audit_ops.h"
@@ -17,6 +18,8 @@ struct callback_entry {
   std::uint32_t filter;
   callback_pair callback;
 };
+static_assert(offsetof(callback_entry, filter) == 8 && offsetof(callback_entry, callback) == 16 &&
+              sizeof(callback_entry) == 32);
 
 // The entries under one key, in order of registration. The per-key table owns it and has the
 // address of `key` as its key.
@@ -25,6 +28,8 @@ struct key_bucket {
   int count;
   std::uint16_t indexes[kMaxCallbacksPerKey];
 };
+static_assert(offsetof(key_bucket, count) == 8 && offsetof(key_bucket, indexes) == 12 &&
+              sizeof(key_bucket) == 32);
 
 // Every entry below `entry_count` stands in one place, a key's bucket or the global list.
 struct callback_registry {
@@ -35,5 +40,10 @@ struct callback_registry {
   xhash_t* buckets;  // null while the library is stopped
   const event_class_ops* ops;
 };
+static_assert(offsetof(callback_registry, global_count) == 4 &&
+              offsetof(callback_registry, entries) == 8 &&
+              offsetof(callback_registry, global_indexes) == 8 + 32 * kMaxCallbacks &&
+              offsetof(callback_registry, buckets) == 8 + 34 * kMaxCallbacks &&
+              sizeof(callback_registry) == 24 + 34 * kMaxCallbacks);
 
 extern "C" QEL_API callback_registry audit_cb_list[QEL_CLASS_COUNT];
