@@ -162,14 +162,16 @@ struct bind_event {
 /* Starts the library: opens the audit connection, becomes the kernel's audit receiver, switches
  * auditing on, deletes all loaded rules, takes the snapshots of accounts and logins and registers
  * with the main loop. Every registration starts the library itself, so a client need not call this.
- * May block for about four seconds when the kernel does not answer.
+ * May block for about four seconds when the kernel does not answer, and for ten at most when
+ * answers get lost among records. Signals of the calling thread are blocked meanwhile.
  * Returns 0 when the library is running afterwards, also when it already was; -1 when it could not
- * be started, with everything undone. */
+ * be started, with everything undone, or in a callback that has called qel_audit_fini. */
 QEL_API int qel_audit_init(void);
 
 /* Stops the library: deletes all loaded rules, gives up the receiver role, closes the connection
  * and forgets every registration. Auditing stays switched on. Does nothing when the library is
- * stopped. */
+ * stopped. In a callback the stop is put off until the record being handled is finished. May block
+ * as qel_audit_init does. */
 QEL_API void qel_audit_fini(void);
 
 /* ---- Registration ---------------------------------------------------------------------------- */
@@ -200,8 +202,9 @@ QEL_API int qel_login_reg_callback(const char* username, int event_mask,
 QEL_API int qel_user_reg_callback(const char* username, int event_mask, qel_user_callback callback,
                                   void* arg);
 
-/* System calls. `syscall`: a name of this machine's, or "all"; "execve" and "bind" are refused,
- * they have classes of their own. `success`: one of the QEL_SYSCALL_ values. At most 256 names in
+/* System calls. `syscall`: the name that events carry (struct qel_syscall_info), or "all"; "execve"
+ * and "bind" are refused, they have classes of their own, and so are names in other letters and
+ * numbers of calls that have a name. `success`: one of the QEL_SYSCALL_ values. At most 256 names in
  * all. */
 QEL_API int qel_syscall_reg_callback(const char* syscall, int success,
                                      qel_syscall_callback callback, void* arg);

@@ -60,7 +60,7 @@ void take_args(audit_ctx& ctx, qel_execve_info& info) {
 }
 
 // A failed execution has no EXECVE record: what is known is who tried it and which program.
-void take_path(audit_ctx& ctx, qel_execve_info& info) {
+void take_path_as_args(audit_ctx& ctx, qel_execve_info& info) {
   info.argv = static_cast<char**>(QEL_CHECKED(std::calloc(2, sizeof(char*))));
   info.argc = 2;
   info.argv[0] = std::exchange(ctx.comm, nullptr);
@@ -72,7 +72,7 @@ int emit_execve_event(audit_ctx& ctx) {
   execve_event event = {.type = QEL_CLASS_EXECVE, .padding = 0, .info = {}};
   fill_process(event.info, ctx);
   take_args(ctx, event.info);
-  if (event.info.argc == 0 && ctx.path != nullptr) take_path(ctx, event.info);
+  if (event.info.argc == 0 && ctx.path != nullptr) take_path_as_args(ctx, event.info);
   dispatch_event(&event);
   free_args(event.info.argv, event.info.argc);
   return 0;

@@ -9,7 +9,7 @@
 extern "C" {
 
 // Builds and dispatches what `ctx` tells. Takes its argument list out of it. Returns 0, or -1 when
-// the context was refused. Runs client callbacks.
+// the context was refused, or inside a callback. Runs client callbacks.
 QEL_API int handle_audit_event(struct audit_ctx* ctx);
 }
 

@@ -51,15 +51,16 @@ extern "C" {
 // Makes the empty context table. Returns 0.
 QEL_API int audit_msg_init();
 
-// Frees the table and every open context.
+// Frees the table and every open context. Does nothing while a record is being handled.
 QEL_API void audit_msg_fini();
 
 // Deletes expired contexts in a part of the table; `now` in seconds since the epoch. Costs nothing
-// when no context is open.
+// when no context is open. Does nothing while a record is being handled.
 QEL_API void scan_audit_ctx(std::int64_t now);
 
-// Takes one reply as audit_get_reply filled it. Returns 0 when it was taken and -1 when it was
-// dropped: an unknown type, a malformed record, no context to add to. May run client callbacks.
+// Takes one reply as audit_get_reply filled it, and terminates its text in the reply's own storage.
+// Returns 0 when it was taken and -1 when it was dropped: an unknown type, a malformed record, no
+// context to add to, a call from inside a callback. May run client callbacks.
 QEL_API int handle_audit_msg(struct audit_reply* reply);
 
 // Sets the context's rule type by its key. Returns 0, or -1 when the key is no rule type's.

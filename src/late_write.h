@@ -29,7 +29,8 @@ void note_watched_files();
 FileIdentity watched_file(const audit_ctx& ctx);
 
 // Has the context's file looked at for 10 seconds from now. `before` is what the file was just
-// before the comparison read it. A later opener of the same file takes this one's place.
+// before the comparison read it. A later opener of the same file takes this one's place, and a
+// comparison that a look brings begins the 10 seconds anew.
 void remember_opener(const audit_ctx& ctx, const FileIdentity& before);
 
 // The same for a call that was refused. It has written nothing, so it never takes an opener's place

@@ -34,12 +34,13 @@ typedef int (*passwd_emitter)(struct passwd_entry* entry, struct audit_ctx* ctx)
 // Takes the first snapshot. Returns 0, also when there is one already.
 QEL_API int passwd_init();
 
-// Frees what is known. Names that get_uname_by_uid returned are gone with it.
+// Frees what is known. Names that get_uname_by_uid returned are gone with it. Does nothing while a
+// record is being handled or accounts are being compared.
 QEL_API void passwd_fini();
 
 // Compares the databases with the snapshot, hands each changed account and `ctx`, which is not read
 // here, to `emitter` (which may be null), and keeps the new state as the snapshot. Returns 0, or -1
-// when the monitor is stopped. May run client callbacks.
+// when the monitor is stopped, or inside a callback or an emitter. May run client callbacks.
 QEL_API int check_passwd_event(passwd_emitter emitter, struct audit_ctx* ctx);
 
 // The name of a user, or the uid in decimal when it has none or the monitor is stopped. Never null;

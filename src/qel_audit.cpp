@@ -193,16 +193,16 @@ const void* address_of(const callback_pair& callback) {
   return reinterpret_cast<const void*>(callback.function);
 }
 
-bool is_registered(const callback_registry& registry, const Registration& wanted) {
+bool check_not_registered(const callback_registry& registry, const Registration& wanted) {
   const event_class_ops& ops = *registry.ops;
   for (int i = 0; i < registry.entry_count; ++i) {
     if (!is_same(ops, registry.entries[i], wanted)) continue;
     QEL_ERROR("callback already exist for %s: %s, %s, cb_index=%d, cb=%p\n", ops.name,
               ops.key_to_string(&wanted.key), ops.filter_to_string(&wanted.filter), i,
               address_of(wanted.callback));
-    return true;
+    return false;
   }
-  return false;
+  return true;
 }
 
 key_bucket* find_bucket(const callback_registry& registry, const key_slot& key) {
@@ -245,7 +245,7 @@ int add_to_bucket(callback_registry& registry, const Registration& wanted, int i
 // one, -1 when it was refused.
 int add_event_callback(const Registration& wanted) {
   callback_registry& registry = audit_cb_list[wanted.event_class];
-  if (is_registered(registry, wanted)) return -1;
+  if (!check_not_registered(registry, wanted)) return -1;
   if (registry.entry_count >= kMaxCallbacks) {
     QEL_ERROR("too many audit callbacks\n");
     return -1;

@@ -29,13 +29,14 @@ typedef int (*wtmp_emitter)(struct wtmp_entry* entry, struct audit_ctx* ctx);
 // a snapshot already, or -1 when the path was refused. A file that cannot be read has no records.
 QEL_API int login_log_init(const char* path);
 
+// Frees what is known. Does nothing while a record is being handled or logins are being compared.
 QEL_API void login_log_fini();
 
 // Compares the file (a null path is /var/log/wtmp) with the snapshot, hands each login that began
 // or ended and `ctx`, which is not read here, to `emitter` (which may be null), and keeps the new
 // state as the snapshot. Reports nothing when most known logins are gone: the file is another one
-// then. Returns 0, or -1 when the monitor is stopped or the path was refused. May run client
-// callbacks.
+// then. Returns 0, or -1 when the monitor is stopped or the path was refused, or inside a callback
+// or an emitter. May run client callbacks.
 QEL_API int check_login_event(const char* path, wtmp_emitter emitter, struct audit_ctx* ctx);
 }
 
