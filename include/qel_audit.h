@@ -174,6 +174,10 @@ QEL_API int qel_audit_init(void);
  * as qel_audit_init does. */
 QEL_API void qel_audit_fini(void);
 
+/* The audit netlink socket while the library is running, -1 otherwise. It is readable when a record
+ * waits. Only to be read and waited for: the library owns it. */
+extern QEL_API int audit_fd;
+
 /* ---- Registration ---------------------------------------------------------------------------- */
 
 /* Every registration returns the index of the new callback (0 to 4095) when it is for one key, 0

@@ -10,14 +10,14 @@
 #include <utility>
 
 #include "audit_ops.h"
-#include "audit_rule.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "base/record_scope.h"
 #include "callback_registry.h"
-#include "execve_args.h"
-#include "late_write.h"
-#include "log.h"
-#include "memory.h"
+#include "monitors/late_write.h"
 #include "passwd.h"
-#include "record_scope.h"
+#include "records/execve_args.h"
+#include "rules/rule_types.h"
 #include "wtmp.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include <qel_audit.h>
 
-#include "audit_msg.h"
+#include "records/audit_ctx.h"
 
 extern "C" {
 

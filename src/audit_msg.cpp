@@ -11,13 +11,13 @@
 #include <utility>
 
 #include "audit_event.h"
-#include "audit_rule.h"
-#include "execve_args.h"
-#include "log.h"
-#include "memory.h"
-#include "number_key.h"
-#include "record_scope.h"
-#include "record_text.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "base/record_scope.h"
+#include "base/table_keys.h"
+#include "records/execve_args.h"
+#include "records/record_text.h"
+#include "rules/rule_types.h"
 
 namespace {
 
@@ -43,6 +43,10 @@ struct {
 } state;
 
 // ---- Context table -----------------------------------------------------------------------------
+
+// The serial stands for the key, and for its hash.
+constexpr xhash_hash_fn audit_ctx_hash = qel::hash_number;
+constexpr xhash_compare_fn audit_ctx_compare = qel::compare_numbers;
 
 void free_audit_ctx(void* value) {
   auto* ctx = static_cast<audit_ctx*>(value);
@@ -76,7 +80,7 @@ audit_ctx* find_audit_ctx(std::string_view text) {
   if (is_of_recent(text)) return state.recent.ctx;
   std::uint32_t serial = 0;
   std::string_view header;
-  if (!qel::read_serial(text, serial, header)) {
+  if (!qel::parse_serial(text, serial, header)) {
     QEL_ERROR("parse_serial failed\n");
     return nullptr;
   }
@@ -186,7 +190,7 @@ const audit_rule_type* rule_type_of(std::string_view key_value) {
 [[gnu::noinline]] int take_syscall(std::string_view text) {
   std::uint32_t serial = 0;
   std::string_view header;
-  if (!qel::read_serial(text, serial, header)) return -1;
+  if (!qel::parse_serial(text, serial, header)) return -1;
   SyscallRecord record;
   if (!parse_syscall(text.substr(header.size()), record)) {
     QEL_ERROR("parse_syscall failed\n");
@@ -224,7 +228,7 @@ bool find_value(std::string_view text, const char (&name)[Size], std::string_vie
 }
 
 // Only of use for an execution without arguments: one that failed.
-int take_path(std::string_view text) {
+int parse_path(std::string_view text) {
   audit_ctx* ctx = find_audit_ctx(text);
   if (ctx == nullptr) return -1;
   if (ctx->ruletype != kExecveRule || ctx->argc != 0 || ctx->path != nullptr) return -1;
@@ -259,7 +263,7 @@ bool check_sockaddr(const audit_ctx& ctx, std::size_t length) {
   return good;
 }
 
-int take_sockaddr(std::string_view text) {
+int parse_sockaddr(std::string_view text) {
   audit_ctx* ctx = find_audit_ctx(text);
   if (ctx == nullptr) return -1;
   std::string_view saddr;
@@ -274,7 +278,7 @@ int take_sockaddr(std::string_view text) {
   return -1;
 }
 
-int take_execve(std::string_view text) {
+int parse_execve(std::string_view text) {
   audit_ctx* ctx = find_audit_ctx(text);
   if (ctx == nullptr) return -1;
   if (add_execve_args(*ctx, text)) return 0;
@@ -323,7 +327,7 @@ std::string_view text_of(const audit_reply& reply) {
 
 int audit_msg_init() {
   state.scan_place = xhash_cookie_create(kScanShare);
-  state.contexts = xhash_create2(free_audit_ctx, qel::hash_number, qel::compare_numbers, 1);
+  state.contexts = xhash_create2(free_audit_ctx, audit_ctx_hash, audit_ctx_compare, 1);
   return 0;
 }
 
@@ -369,11 +373,11 @@ int handle_audit_msg(audit_reply* reply) {
     case AUDIT_SYSCALL:
       return take_syscall(text_of(*reply));
     case AUDIT_PATH:
-      return take_path(text_of(*reply));
+      return parse_path(text_of(*reply));
     case AUDIT_SOCKADDR:
-      return take_sockaddr(text_of(*reply));
+      return parse_sockaddr(text_of(*reply));
     case AUDIT_EXECVE:
-      return take_execve(text_of(*reply));
+      return parse_execve(text_of(*reply));
     case AUDIT_EOE:
       return take_end_of_event(text_of(*reply));
     default:

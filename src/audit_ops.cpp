@@ -13,7 +13,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "log.h"
+#include "base/log.h"
+#include "base/table_keys.h"
 
 namespace {
 
@@ -115,7 +116,7 @@ const key_slot* slot_of(const void* key) {
 }
 
 std::uint32_t hash_text_key(const void* key, std::size_t) {
-  return hash_text(slot_of(key)->text);
+  return qel::hash_text(slot_of(key)->text);
 }
 
 int compare_text_keys(const void* a, std::size_t, const void* b, std::size_t) {
@@ -238,14 +239,6 @@ const event_class_ops* const audit_ops[QEL_CLASS_COUNT] = {&kLoginOps, &kUserOps
 
 const key_hash_ops audit_hash_func[QEL_CLASS_COUNT] = {kTextKeyHash, kTextKeyHash, kTextKeyHash,
                                                        kTextKeyHash, kPortKeyHash};
-
-std::uint32_t hash_text(const char* text) {
-  std::uint32_t hash = 5318;
-  do {
-    hash = hash * 33 + static_cast<unsigned char>(*text);
-  } while (*text++ != '\0');
-  return hash;
-}
 
 void set_login_filter_func(const void* event, std::uint32_t* filter) {
   *filter = info_of<login_event>(event).event;

@@ -50,9 +50,6 @@ struct key_hash_ops {
   xhash_compare_fn compare;
 };
 
-// The hash of a text in this library's tables: seed 5318, times 33 plus byte, terminator included.
-std::uint32_t hash_text(const char* text);
-
 extern "C" {
 
 extern QEL_API const event_class_ops* const audit_ops[QEL_CLASS_COUNT];

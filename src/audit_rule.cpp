@@ -15,11 +15,11 @@
 #include <string_view>
 #include <utility>
 
-#include "audit_replies.h"
-#include "digits.h"
-#include "log.h"
-#include "memory.h"
-#include "rule_purge.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "records/digits.h"
+#include "rules/audit_replies.h"
+#include "rules/rule_purge.h"
 
 namespace {
 
@@ -356,13 +356,6 @@ void set_limits_and_purge() {
 }
 
 }  // namespace
-
-const audit_rule_type audit_rule_types[kRuleTypeCount] = {
-    {kPasswdRule, "passwd_rule"},   {kShadowRule, "shadow_rule"},
-    {kWtmpRule, "wtmp_rule"},       {kLastloginRule, "lastlogin_rule"},
-    {kExecveRule, "execve_rule"},   {kBindRule, "bind_rule"},
-    {kSyscallRule, "syscall_rule"}, {kFakeloginRule, "fakelogin_rule"},
-};
 
 int audit_fd = -1;
 

@@ -4,36 +4,9 @@
 
 #include <qel_audit.h>
 
-#include <cstddef>
-#include <cstdint>
-
-// A rule type; its name is the key of every kernel rule of that type.
-struct audit_rule_type {
-  std::int32_t id;
-  char name[64];
-};
-static_assert(offsetof(audit_rule_type, name) == 4 && sizeof(audit_rule_type) == 68);
-
-// The ids of audit_rule_types. No rule of this library carries kLastloginRule's or kFakeloginRule's
-// key.
-enum RuleType : std::int32_t {
-  kPasswdRule,
-  kShadowRule,
-  kWtmpRule,
-  kLastloginRule,
-  kExecveRule,
-  kBindRule,
-  kSyscallRule,
-  kFakeloginRule,
-  kRuleTypeCount
-};
+#include "rules/rule_types.h"
 
 extern "C" {
-
-extern QEL_API const audit_rule_type audit_rule_types[kRuleTypeCount];
-
-// The audit netlink socket, -1 while there is none.
-extern QEL_API int audit_fd;
 
 // Opens the connection, becomes the audit receiver, switches auditing on and deletes all loaded
 // rules. Returns 0, or -1 with the connection closed.

@@ -11,11 +11,10 @@
 #include <cstring>
 #include <utility>
 
-#include "audit_ops.h"
-#include "log.h"
-#include "memory.h"
-#include "number_key.h"
-#include "record_scope.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "base/record_scope.h"
+#include "base/table_keys.h"
 
 namespace {
 
@@ -70,7 +69,7 @@ const char* name_of(const void* entry) {
 }
 
 std::uint32_t hash_name(const void* entry, std::size_t) {
-  return hash_text(name_of(entry));
+  return qel::hash_text(name_of(entry));
 }
 
 int compare_names(const void* a, std::size_t, const void* b, std::size_t) {

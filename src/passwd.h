@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "snapshot.h"
+#include "monitors/snapshot.h"
 
 struct audit_ctx;
 

@@ -8,9 +8,9 @@
 #include <string_view>
 #include <utility>
 
-#include "log.h"
-#include "memory.h"
-#include "record_scope.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "base/record_scope.h"
 
 namespace {
 

@@ -72,7 +72,7 @@ struct Fields {
   }
 };
 
-bool read_serial(const char* text, std::uint32_t& serial) {
+bool parse_serial(const char* text, std::uint32_t& serial) {
   const char* stamp = std::strstr(text, "audit(");
   if (stamp == nullptr) return false;
   stamp += std::strlen("audit(");
@@ -214,7 +214,7 @@ int ReferenceIntake::report(int level, const std::string& message) {
 
 Context* ReferenceIntake::find_context(const char* text) {
   std::uint32_t serial = 0;
-  if (!read_serial(text, serial)) {
+  if (!parse_serial(text, serial)) {
     report(QEL_LOG_ERROR, "parse_serial failed\n");
     return nullptr;
   }
@@ -228,7 +228,7 @@ int ReferenceIntake::open_context(const char* text, std::int64_t now_s) {
   Context record = {};
   record.msgtype = AUDIT_SYSCALL;
   record.deadline = now_s + 10;
-  if (!read_serial(text, record.serial)) return -1;
+  if (!parse_serial(text, record.serial)) return -1;
   if (!read_syscall(text, record)) return report(QEL_LOG_ERROR, "parse_syscall failed\n");
   const auto* const name =
       std::find(std::begin(kRuleNames), std::end(kRuleNames), *record.key_text);

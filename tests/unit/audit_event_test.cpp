@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "audit_msg.h"
 #include "audit_rule.h"
 #include "offline_test.h"
 #include "passwd.h"

@@ -1,6 +1,6 @@
 // Argument lists put together from EXECVE records. Many more are compared with a reference parser
 // in another test.
-#include "execve_args.h"
+#include "records/execve_args.h"
 
 #include <gtest/gtest.h>
 
@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "audit_msg.h"
 
 namespace {
 

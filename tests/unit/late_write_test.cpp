@@ -1,5 +1,5 @@
 // Late writes, with a clock that the test moves.
-#include "late_write.h"
+#include "monitors/late_write.h"
 
 #include <chrono>
 #include <filesystem>

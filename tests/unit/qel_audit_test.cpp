@@ -18,11 +18,12 @@
 #include <vector>
 
 #include "audit_event.h"
-#include "audit_replies.h"
+#include "audit_msg.h"
 #include "audit_rule.h"
 #include "callback_registry.h"
 #include "offline_test.h"
 #include "passwd.h"
+#include "rules/audit_replies.h"
 #include "wtmp.h"
 
 namespace {

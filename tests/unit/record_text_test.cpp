@@ -1,6 +1,6 @@
 // Reading the text of a record: numbers as libc reads them, values decoded, keys found. How
 // fields are found in whole records is compared with a reference parser in another test.
-#include "record_text.h"
+#include "records/record_text.h"
 
 #include <gtest/gtest.h>
 
@@ -79,7 +79,7 @@ TEST(Serial, IsReadAsScanfReadsIt) {
         std::uint32_t serial = 77;
         std::string_view header;
         const bool good = readable && before.ends_with("audit(");
-        ASSERT_EQ(qel::read_serial(block.view(), serial, header), good);
+        ASSERT_EQ(qel::parse_serial(block.view(), serial, header), good);
         if (!good) continue;
         EXPECT_EQ(serial, expected);
         // Whoever begins with the same header has the same serial, and no field in it.

@@ -1,5 +1,5 @@
 // The line that tells of a deleted rule: tables of rules and their lines.
-#include "rule_line.h"
+#include "rules/rule_line.h"
 
 #include <gtest/gtest.h>
 #include <sys/syscall.h>

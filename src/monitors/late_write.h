@@ -10,7 +10,7 @@
 #include <sys/types.h>
 #include <time.h>
 
-#include "audit_msg.h"
+#include "records/audit_ctx.h"
 
 namespace qel {
 

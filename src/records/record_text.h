@@ -11,8 +11,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "digits.h"
-#include "sixteen_chars.h"
+#include "records/digits.h"
+#include "records/sixteen_chars.h"
 
 namespace qel {
 
@@ -20,7 +20,7 @@ namespace qel {
 // one. `header` becomes the front of the text up to the colon behind the parenthesis, when the text
 // begins as the kernel writes it, and is empty otherwise: two records with the same header have the
 // same serial.
-bool read_serial(std::string_view text, std::uint32_t& serial, std::string_view& header);
+bool parse_serial(std::string_view text, std::uint32_t& serial, std::string_view& header);
 
 // Converts as strtoull(3) does: leading blanks, a sign, a prefix for base 16 and base 0, digits up
 // to the first other character; the largest number when it does not fit and 0 when there are no

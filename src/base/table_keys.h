@@ -1,4 +1,4 @@
-// Hash tables whose keys are numbers: the value itself, widened to a pointer, stands for the key.
+// Keys of hash tables. Of a number the value itself, widened to a pointer, stands for the key.
 #pragma once
 
 #include <cstddef>
@@ -16,6 +16,15 @@ inline std::uint32_t hash_number(const void* key, std::size_t) {
 
 inline int compare_numbers(const void* a, std::size_t, const void* b, std::size_t) {
   return a == b ? 0 : 1;
+}
+
+// The hash of a text: seed 5318, times 33 plus byte, terminator included.
+inline std::uint32_t hash_text(const char* text) {
+  std::uint32_t hash = 5318;
+  do {
+    hash = hash * 33 + static_cast<unsigned char>(*text);
+  } while (*text++ != '\0');
+  return hash;
 }
 
 }  // namespace qel

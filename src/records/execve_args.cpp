@@ -1,4 +1,4 @@
-#include "execve_args.h"
+#include "records/execve_args.h"
 
 #include <malloc.h>
 
@@ -11,9 +11,9 @@
 #include <tuple>
 #include <utility>
 
-#include "log.h"
-#include "memory.h"
-#include "record_text.h"
+#include "base/log.h"
+#include "base/memory.h"
+#include "records/record_text.h"
 
 // The kernel writes "argc=N a0=... a1=...", each argument quoted or as hexadecimal digits. One that
 // does not fit its record is announced as "aN_len=LENGTH", the number of characters it is written
@@ -79,7 +79,7 @@ std::int32_t read_index(const char*& at, const char* end) {
   const char* digit = from;
   std::uint32_t index = 0;
   for (; digit != limit && qel::is_decimal(*digit); ++digit)
-    index = index * 10 + qel::digit_value(*digit);
+    index = index * 10 + qel::hex_value(*digit);
   at = digit;
   const std::ptrdiff_t digits = digit - from;
   if (digits == 0 || digits > kMaxDigits || (*from == '0' && digits > 1)) return kNoIndex;

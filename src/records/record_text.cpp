@@ -1,10 +1,10 @@
-#include "record_text.h"
+#include "records/record_text.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
 
-#include "memory.h"
+#include "base/memory.h"
 
 namespace qel {
 namespace {
@@ -28,16 +28,16 @@ std::uint64_t take_digits(const char*& at, const char* end, unsigned base, bool 
   constexpr std::uint64_t kLargest = std::numeric_limits<std::uint64_t>::max();
   std::uint64_t sum = 0;
   bool overflow = false;
-  for (; at != end && digit_value(*at) < base; ++at) {
+  for (; at != end && hex_value(*at) < base; ++at) {
     overflow |= __builtin_mul_overflow(sum, base, &sum);
-    overflow |= __builtin_add_overflow(sum, digit_value(*at), &sum);
+    overflow |= __builtin_add_overflow(sum, hex_value(*at), &sum);
   }
   if (overflow) return kLargest;
   return negative ? 0 - sum : sum;
 }
 
 bool has_hex_prefix(const char* at, const char* end) {
-  return end - at > 2 && at[0] == '0' && (at[1] | 0x20) == 'x' && digit_value(at[2]) < 16;
+  return end - at > 2 && at[0] == '0' && (at[1] | 0x20) == 'x' && hex_value(at[2]) < 16;
 }
 
 // Reads a number as scanf(3)'s "%u" does. Returns false when there are no digits.
@@ -72,7 +72,7 @@ bool scan_stamp(std::string_view stamp, std::uint32_t& serial) {
 std::ptrdiff_t take_plain_digits(const char*& at, const char* end, std::uint64_t& number) {
   const char* const from = at;
   number = 0;
-  for (; at != end && is_decimal(*at); ++at) number = number * 10 + digit_value(*at);
+  for (; at != end && is_decimal(*at); ++at) number = number * 10 + hex_value(*at);
   return at - from;
 }
 
@@ -117,7 +117,7 @@ const char* find_character(const char* from, const char* end, char wanted) {
 
 }  // namespace
 
-bool read_serial(std::string_view text, std::uint32_t& serial, std::string_view& header) {
+bool parse_serial(std::string_view text, std::uint32_t& serial, std::string_view& header) {
   if (read_plain_header(text, serial, header)) [[likely]]
     return true;
   header = {};
@@ -151,8 +151,8 @@ std::size_t decode_hex(std::string_view source, void* destination, std::size_t r
     written += kBytes;
   }
   for (; written < most; ++written) {
-    const unsigned high = digit_value(from[2 * written]);
-    const unsigned low = digit_value(from[2 * written + 1]);
+    const unsigned high = hex_value(from[2 * written]);
+    const unsigned low = hex_value(from[2 * written + 1]);
     if ((high | low) > 0xF) break;
     to[written] = static_cast<std::uint8_t>(high << 4 | low);
   }

@@ -15,7 +15,7 @@
 #else
 #include <algorithm>
 
-#include "digits.h"
+#include "records/digits.h"
 #endif
 
 namespace qel {
@@ -68,7 +68,7 @@ inline unsigned count_before_space(const char* at) {
 inline HexDigits read_hex_digits(const char* at) {
   HexDigits digits = {};
   for (; digits.count < kSixteen; ++digits.count) {
-    const unsigned value = digit_value(at[digits.count]);
+    const unsigned value = hex_value(at[digits.count]);
     if (value == kNoDigit) break;
     digits.bytes[digits.count / 2] |=
         static_cast<std::uint8_t>(digits.count % 2 == 0 ? value << 4 : value);

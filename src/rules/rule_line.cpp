@@ -1,4 +1,4 @@
-#include "rule_line.h"
+#include "rules/rule_line.h"
 
 #include <algorithm>
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "audit_replies.h"
+#include "rules/audit_replies.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "audit_rule.h"
+#include <qel_audit.h>
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string_view>
 
-#include "log.h"
+#include "base/log.h"
 
 // The pointer that an allocating call returned; ends the process when it is null.
 #define QEL_CHECKED(call) qel::checked((call), kLogSource, __LINE__, "Out of memory\n")

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "audit_msg.h"
+#include "records/audit_ctx.h"
 
 // Adds what the record `text` tells to the argument list of `ctx`. The group's first record gives
 // the count; a list that does not fit one record goes on in the next ones. Returns false, and

@@ -1,4 +1,4 @@
-#include "record_scope.h"
+#include "base/record_scope.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "late_write.h"
+#include "monitors/late_write.h"
 
 #include <sys/stat.h>
 
@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <iterator>
 
-#include "audit_rule.h"
-#include "memory.h"
+#include "base/memory.h"
+#include "rules/rule_types.h"
 
 namespace qel {
 namespace {

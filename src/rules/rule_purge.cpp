@@ -1,4 +1,4 @@
-#include "rule_purge.h"
+#include "rules/rule_purge.h"
 
 #include <libaudit.h>
 
@@ -9,11 +9,11 @@
 #include <cstring>
 #include <utility>
 
-#include "audit_replies.h"
-#include "audit_rule.h"
-#include "log.h"
-#include "memory.h"
-#include "rule_line.h"
+#include <qel_audit.h>
+#include "base/log.h"
+#include "base/memory.h"
+#include "rules/audit_replies.h"
+#include "rules/rule_line.h"
 
 namespace {
 

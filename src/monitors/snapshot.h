@@ -6,7 +6,7 @@
 
 #include <utility>
 
-#include "log.h"
+#include "base/log.h"
 
 // How records stand in their list, which is circular and has a head of its own.
 struct list_links {

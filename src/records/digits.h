@@ -19,7 +19,7 @@ inline constexpr auto kDigitValues = [] {
   return values;
 }();
 
-inline unsigned digit_value(char c) {
+inline unsigned hex_value(char c) {
   return kDigitValues[static_cast<unsigned char>(c)];
 }
 
