@@ -206,10 +206,10 @@ QEL_API int qel_login_reg_callback(const char* username, int event_mask,
 QEL_API int qel_user_reg_callback(const char* username, int event_mask, qel_user_callback callback,
                                   void* arg);
 
-/* System calls. `syscall`: the name that events carry (struct qel_syscall_info), or "all"; "execve"
- * and "bind" are refused, they have classes of their own, and so are names in other letters and
- * numbers of calls that have a name. `success`: one of the QEL_SYSCALL_ values. At most 256 names in
- * all. */
+/* System calls. `syscall`: the name that events carry (struct qel_syscall_info), or "all". "execve"
+ * and "bind" are refused, because they have classes of their own, and so are names in other letters
+ * and numbers of calls that have a name. `success`: one of the QEL_SYSCALL_ values. At most 256
+ * names in all. */
 QEL_API int qel_syscall_reg_callback(const char* syscall, int success,
                                      qel_syscall_callback callback, void* arg);
 

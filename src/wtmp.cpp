@@ -49,8 +49,8 @@ const wtmp_entry& entry_of(const void* key) {
   return *static_cast<const wtmp_entry*>(key);
 }
 
-// Process ids and times often rise together, and what they have in common would cancel out in a plain
-// XOR: one of the two is spread over all bits first, by an odd multiplier.
+// Process ids and times often rise together, and what they have in common would cancel out in a
+// plain XOR. So one of the two is spread over all bits first, by an odd multiplier.
 std::uint32_t hash_login(const void* key, std::size_t) {
   constexpr std::uint32_t kSpread = 0x85EBCA6B;
   const struct utmp& ut = entry_of(key).ut;

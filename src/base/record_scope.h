@@ -1,7 +1,7 @@
-// What functions of the host may do while the library is at work below them: a client's callback, or
-// an emitter of the host's. A stop that they ask for is put off until the record being handled is
-// finished, because it frees the contexts, snapshots and registries that the code below them still
-// uses. The exported functions that would change those are refused.
+// What callbacks and emitters of the host may do while the library is at work below them. A stop
+// that they ask for is put off until the record being handled is finished, because it frees the
+// contexts, snapshots and registries that the code below them still uses. Exported functions that
+// would change those are refused.
 #pragma once
 
 namespace qel {

@@ -20,8 +20,8 @@
 // with, quotes not counted, and comes as "aN[0]=... aN[1]=...", in as many records as it takes.
 // Every field is found by plain substring search for the slot that is to be filled next.
 //
-// Work per record grows with its length and no faster, whatever it holds: fields out of order are found
-// in one pass and sorted.
+// The work for a record grows with its length and hardly faster, whatever it holds: fields out of
+// order are found in one pass and sorted.
 
 namespace {
 
@@ -114,8 +114,8 @@ Word read_word(const char* at, const char* end) {
   return word;
 }
 
-// What stands before the argument of a slot: "aN=". Nearly every argument follows the one before it,
-// and comparing with the name is less work than reading the number.
+// What stands before the argument of a slot: "aN=". Nearly every argument follows the one before
+// it, and comparing with the name is less work than reading the number.
 class ExpectedName {
  public:
   explicit ExpectedName(std::int32_t slot) {

@@ -15,8 +15,9 @@
 // One start or one stop, while it lives. All waits of this module during it together take ten
 // seconds at most, so that a main loop is never held up for longer.
 //
-// Signals are blocked meanwhile, but for those that a fault of the thread itself raises: libaudit
-// begins each of its waits anew after a signal, and would wait for ever where one comes often enough.
+// Signals are blocked meanwhile, except for those that a fault of the thread itself raises:
+// libaudit begins each of its waits anew after a signal, and waits for ever where they come often
+// enough.
 class KernelExchange {
  public:
   KernelExchange();

@@ -1,5 +1,5 @@
-// The rule types. audit_rule puts their names into kernel rules as keys, audit_msg finds them again in
-// records.
+// The rule types. audit_rule puts their names into kernel rules as keys, and audit_msg finds them
+// again in records.
 #pragma once
 
 #include <qel_audit.h>
