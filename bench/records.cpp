@@ -20,6 +20,8 @@
 #include <exception>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "client.h"
 #include "measuring.h"
@@ -89,6 +91,44 @@ void arguments(State& state) {
                (few_ns - one_ns) / runs / (kFew - 1));
 }
 BENCHMARK(arguments);
+
+// Executions whose first record has all slots of a list and whose second one holds only fields that
+// pose as others: behind lost records, or made up.
+bench::Stream make_posing_stream(std::size_t groups, std::size_t fields) {
+  bench::Stream posing = bench::make_arguments_stream(groups, 1);
+  std::vector<bench::Record> records;
+  for (bench::Record& record : posing.records) {
+    records.push_back(std::move(record));
+    if (records.back().type != AUDIT_EXECVE) continue;
+    std::string& first = records.back().text;
+    const std::string header = first.substr(0, first.find(' ') + 1);
+    first = header + "argc=" + std::to_string(3 * fields) + " a0=\"x\"";
+    std::string text = header;
+    for (std::size_t i = 0; i < fields; ++i)
+      text += " a" + std::to_string(2 * fields + i) + "=\"a" + std::to_string(2 * i + 1) + "=\"";
+    records.push_back({AUDIT_EXECVE, text});
+  }
+  posing.records = std::move(records);
+  return posing;
+}
+
+// The cost of such a field in a long record and in a short one.
+void posing_fields(State& state) {
+  constexpr std::size_t kMany = 500;
+  constexpr std::size_t kFew = 50;
+  constexpr std::size_t kExecutions = 200;
+  const bench::Stream many = make_posing_stream(kExecutions, kMany);
+  const bench::Stream few = make_posing_stream(kExecutions, kFew);
+  double many_ns = 0;
+  double few_ns = 0;
+  for ([[maybe_unused]] auto _ : state) {
+    many_ns += time_of(many);
+    few_ns += time_of(few);
+  }
+  const double executions = kExecutions * static_cast<double>(state.iterations());
+  report_ratio(state, many_ns / executions / kMany, few_ns / executions / kFew);
+}
+BENCHMARK(posing_fields);
 
 // ---- Open groups -------------------------------------------------------------------------------
 
