@@ -66,7 +66,7 @@ bool start_library() {
   test::databases = {.passwd = {{"root", 0, 0}, {"alice", 1000, 1000}},
                      .shadow = {{"root", "*"}, {"alice", "!"}},
                      .group = {{"root", 0}, {"alice", 1000}}};
-  test::redirect("/var/log/wtmp", QEL_TEST_DATA_DIR "/recordings/login-real.wtmp");
+  test::redirect("/var/log/wtmp", QEL_RECORDINGS_DIR "/login-real.wtmp");
   if (qel_login_reg_callback(nullptr, QEL_LOGIN_LOGIN | QEL_LOGIN_LOGOUT, on_login, nullptr) < 0 ||
       qel_user_reg_callback(nullptr, QEL_USER_ADDED | QEL_USER_PASSWORD, on_user, nullptr) < 0 ||
       qel_syscall_reg_callback("all", QEL_SYSCALL_ANY, on_syscall, nullptr) < 0 ||

@@ -63,7 +63,7 @@ class AccountEvents : public test::OfflineTest {
   // Returns the events.
   Texts play(const std::string& recording, const Steps& steps) {
     start();
-    test::play(test::read_recording(QEL_TEST_DATA_DIR "/recordings/" + recording + ".rec"),
+    test::play(test::read_recording(QEL_RECORDINGS_DIR "/" + recording + ".rec"),
                [&steps](int group) {
                  if (steps.contains(group)) steps.at(group)();
                });

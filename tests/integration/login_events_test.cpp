@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 using Records = std::vector<struct utmp>;
 using Texts = std::vector<std::string>;
 
-const std::string kDirectory = QEL_TEST_DATA_DIR "/recordings/";
+const std::string kDirectory = QEL_RECORDINGS_DIR "/";
 
 Records read_wtmp(const std::string& name) {
   std::ifstream file(kDirectory + name + ".wtmp", std::ios::binary);

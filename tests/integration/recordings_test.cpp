@@ -27,7 +27,7 @@ using test::EventLine;
 using Texts = std::vector<std::string>;
 using Counts = std::map<std::string, int>;
 
-const std::filesystem::path kDirectory = QEL_TEST_DATA_DIR "/recordings";
+const std::filesystem::path kDirectory = QEL_RECORDINGS_DIR;
 
 const std::map<std::string, std::string> kUsers = {
     {"0", "root"}, {"1000", "alice"}, {"1001", "bob"}};

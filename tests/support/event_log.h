@@ -11,7 +11,7 @@
 
 namespace test {
 
-// An event as text, in the notation of tests/data/recordings/README.md.
+// An event as text, in the notation of recordings/README.md.
 struct EventLine {
   std::string text;
   // What the text leaves out: process ids, arguments of a system call, bytes of an address.

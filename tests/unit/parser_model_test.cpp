@@ -90,7 +90,7 @@ class ParserModel : public testing::Test {
 
 TEST_F(ParserModel, ReadsEveryRecordingAsTheReferenceDoes) {
   constexpr std::size_t kRecordsPerSecond = 500;
-  for (const auto& entry : std::filesystem::directory_iterator(QEL_TEST_DATA_DIR "/recordings")) {
+  for (const auto& entry : std::filesystem::directory_iterator(QEL_RECORDINGS_DIR)) {
     const std::string path = entry.path();
     if (!path.ends_with(".rec") && !path.ends_with(".rec.gz")) continue;
     const std::size_t contexts_before = contexts_;
