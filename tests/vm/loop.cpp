@@ -1,6 +1,6 @@
 /*
  * loop - makes many system calls in a row, in a test guest.
- *   loop ROUNDS PAUSE_ms CALL...    each CALL in each round: bind, mkdir or openat
+ *   loop ROUNDS PAUSE_ms CALL...    each CALL in each round: bind, mkdir, openat or refused
  * Prints nothing; status 1 when a call did not do what it should.
  */
 #include <arpa/inet.h>
@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -45,6 +46,12 @@ bool open_for_reading(unsigned) {
   return close_opened(openat(AT_FDCWD, "/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
+// Of a watched file for writing, by somebody who may not.
+bool be_refused(unsigned round) {
+  constexpr const char* kWatched[] = {"/etc/passwd", "/etc/shadow", "/var/log/wtmp"};
+  return open(kWatched[round % std::size(kWatched)], O_WRONLY | O_CLOEXEC) < 0;
+}
+
 struct Call {
   std::string_view name;
   bool (*make)(unsigned round);
@@ -54,6 +61,7 @@ constexpr Call kCalls[] = {
     {"bind", bind_port},
     {"mkdir", make_directory},
     {"openat", open_for_reading},
+    {"refused", be_refused},
 };
 
 bool make(std::string_view name, unsigned round) {
