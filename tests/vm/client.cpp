@@ -8,12 +8,15 @@
 #include <qel_audit.h>
 #include <qel_frame.h>
 #include <signal.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iterator>
+#include <thread>
 
 namespace {
 
@@ -24,6 +27,18 @@ int print_program(const qel_execve_info* event, void*) {
   std::fprintf(stderr, "event %s\n", event->argv[event->argc - 1]);
   qel_mainloop_stop();
   return 0;
+}
+
+// An agent may have a timer that interrupts every wait.
+void send_signals() {
+  constexpr itimerspec kEvery20ms = {{0, 20'000'000}, {0, 20'000'000}};
+  sigevent event = {};
+  event.sigev_notify = SIGEV_SIGNAL;
+  event.sigev_signo = SIGUSR1;
+  timer_t timer;
+  signal(SIGUSR1, [](int) {});
+  if (timer_create(CLOCK_MONOTONIC, &event, &timer) == 0)
+    timer_settime(timer, 0, &kEvery20ms, nullptr);
 }
 
 template <typename Info>
@@ -66,12 +81,14 @@ void run_pairs(int pairs) {
 
 int main(int argc, char** argv) {
   if (argc != 2 || access("/qel-guest", F_OK) != 0) return 2;
+  send_signals();
   say_start();
   const Usage before_refusal;
   say_start();
   say_growth_since(before_refusal);
   kill(std::atoi(argv[1]), SIGKILL);
-  sleep(1);  // the kernel notices when it has something to send
+  std::this_thread::sleep_for(
+      std::chrono::seconds(1));  // the kernel notices when it has something to send
   say_start();
   qel_audit_fini();
 
