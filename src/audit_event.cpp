@@ -130,10 +130,6 @@ int emit_syscall_event(const audit_ctx& ctx) {
 // ---- Accounts ----------------------------------------------------------------------------------
 
 int emit_user_event(passwd_entry* entry, audit_ctx*) {
-  if (entry->flags == 0) {
-    QEL_ERROR("got empty login event\n");
-    return 0;
-  }
   user_event event = {.type = QEL_CLASS_USER, .padding = 0, .info = {}};
   qel::copy_text(event.info.username, entry->name);
   qel::copy_text(event.info.groupname, entry->group);
@@ -174,10 +170,6 @@ int compare_accounts(audit_ctx* ctx) {
 // ---- Logins ------------------------------------------------------------------------------------
 
 int emit_login_event(wtmp_entry* entry, audit_ctx* ctx) {
-  if (entry->flags == 0) {
-    QEL_ERROR("got empty login event\n");
-    return 0;
-  }
   login_event event = {.type = QEL_CLASS_LOGIN, .padding = 0, .info = {}};
   qel_login_info& info = event.info;
   info.status = 1;
