@@ -53,7 +53,7 @@ start_agent() {  # NAME OPTION...
 
 # The agent must not start.
 refuse_agent() {  # NAME REASON
-  "${prefix[@]}" ./qel-watch --take-over --user </dev/null >"$1.events" 2>"$1.log"
+  "${prefix[@]}" timeout "$kLimit_s" ./qel-watch --take-over --user </dev/null >"$1.events" 2>"$1.log"
   check "$1: the agent is refused" is $? 1
   check "$1: \"$2\" is logged" grep -q "$2" "$1.log"
 }
