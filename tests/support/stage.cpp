@@ -1,0 +1,486 @@
+#include "stage.h"
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <qel_frame.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <stdexcept>
+#include <utility>
+
+#include "record_file.h"
+
+namespace test {
+namespace {
+
+constexpr std::size_t kShortestRun = 16;
+constexpr std::time_t kTimeOfATest_s = 1000;
+
+struct {
+  std::string heard;
+  int level;
+  qel_poller_fn poller;
+  void* poller_argument;
+  bool poller_refused;
+  // The library's next expiry outlives a stop, so no test may begin before another one ended.
+  std::time_t start_s = 1'700'000'000;
+} stage;
+
+// ---- Standard output ---------------------------------------------------------------------------
+
+// A stream that lets what is flushed be heard: who reads standard output gets no more.
+std::FILE* open_ear() {
+  const cookie_io_functions_t functions = {
+      .read = nullptr,
+      .write = [](void*, const char* text, std::size_t size) -> ssize_t {
+        stage.heard.append(text, size);
+        return static_cast<ssize_t>(size);
+      },
+      .seek = nullptr,
+      .close = nullptr};
+  return fopencookie(nullptr, "w", functions);
+}
+
+// While it lives, standard output is heard.
+class Listening {
+ public:
+  Listening() : before_(std::exchange(stdout, ear())) {}
+  ~Listening() { stdout = before_; }
+  Listening(const Listening&) = delete;
+  Listening& operator=(const Listening&) = delete;
+
+ private:
+  static std::FILE* ear() {
+    static std::FILE* const stream = open_ear();
+    return stream;
+  }
+  std::FILE* before_;
+};
+
+// ---- Texts -------------------------------------------------------------------------------------
+
+std::string hex(std::string_view bytes, const char* format = "%02X") {
+  std::string text;
+  char digits[8];
+  for (const char byte : bytes) {
+    std::snprintf(digits, sizeof(digits), format, static_cast<unsigned char>(byte));
+    text += digits;
+  }
+  return text;
+}
+
+// A text of a record.
+std::string written(const std::string& text) {
+  const bool plain = std::all_of(
+      text.begin(), text.end(), [](char byte) { return byte > ' ' && byte <= '~' && byte != '"'; });
+  return plain ? '"' + text + '"' : hex(text);
+}
+
+int number_of(const Syscall& fields) {
+  static const std::map<std::string, int> kNumbers = {{"execve_rule", 59}, {"bind_rule", 49}};
+  if (fields.number >= 0) return fields.number;
+  const auto found = kNumbers.find(fields.key);
+  return found != kNumbers.end() ? found->second : 257;
+}
+
+std::string format_byte(char byte) {
+  const bool plain = byte > ' ' && byte <= '~' && byte != '\\' && byte != '{';
+  return plain ? std::string{byte} : hex({&byte, 1}, "\\x%02x");
+}
+
+// ---- Events ------------------------------------------------------------------------------------
+
+// The bytes of an address from `offset` on, up to the last that is not zero.
+std::string rest_of(const sockaddr_storage& address, std::size_t offset) {
+  const std::string_view bytes(reinterpret_cast<const char*>(&address), sizeof(address));
+  const std::size_t last = bytes.find_last_not_of('\0');
+  return last == bytes.npos || last < offset
+             ? ""
+             : " " + hex(bytes.substr(offset, last + 1 - offset), "%02x");
+}
+
+std::string text_of(const sockaddr_storage& address) {
+  char ip[INET6_ADDRSTRLEN] = "";
+  if (address.ss_family == AF_INET) {
+    const auto& inet = reinterpret_cast<const sockaddr_in&>(address);
+    inet_ntop(AF_INET, &inet.sin_addr, ip, sizeof(ip));
+    return std::string(ip) + ":" + std::to_string(ntohs(inet.sin_port)) +
+           rest_of(address, offsetof(sockaddr_in, sin_zero));
+  }
+  if (address.ss_family == AF_INET6) {
+    const auto& inet6 = reinterpret_cast<const sockaddr_in6&>(address);
+    inet_ntop(AF_INET6, &inet6.sin6_addr, ip, sizeof(ip));
+    const std::string flow =
+        inet6.sin6_flowinfo != 0 ? " flow=" + std::to_string(ntohl(inet6.sin6_flowinfo)) : "";
+    return "[" + std::string(ip) + "]:" + std::to_string(ntohs(inet6.sin6_port)) + flow +
+           (inet6.sin6_scope_id != 0 ? " scope=" + std::to_string(inet6.sin6_scope_id) : "") +
+           rest_of(address, sizeof(sockaddr_in6));
+  }
+  if (address.ss_family == AF_UNIX) {
+    const char* const path = reinterpret_cast<const sockaddr_un&>(address).sun_path;
+    const std::size_t length = strnlen(path, sizeof(address) - sizeof(sa_family_t));
+    return "unix " + quoted({path, length}) + rest_of(address, sizeof(sa_family_t) + length);
+  }
+  return "family=" + std::to_string(address.ss_family) + rest_of(address, sizeof(sa_family_t));
+}
+
+template <typename Info>
+std::string outcome(const Info& info) {
+  return "result=" + std::to_string(info.result) + " user=" + quoted(info.user) +
+         " process=" + quoted(info.process) + " pid=" + std::to_string(info.pid) +
+         " ppid=" + std::to_string(info.ppid);
+}
+
+std::string text_of(const qel_login_info& info) {
+  char address[INET_ADDRSTRLEN];
+  inet_ntop(AF_INET, &info.ipaddr, address, sizeof(address));
+  const bool plain =
+      info.status == 1 && std::count(info.reserved, std::end(info.reserved), 0) == 16;
+  return std::string(info.event == QEL_LOGIN_LOGIN ? "login " : "logout ") + quoted(info.username) +
+         " line=" + quoted(info.logintype) + " pid=" + std::to_string(info.pid) +
+         " from=" + address + " user=" + info.user + " process=" + info.process +
+         " time=" + std::to_string(info.time) + (plain ? "" : " with odd status or reserved bytes");
+}
+
+std::string text_of(const qel_user_info& info) {
+  static const std::map<std::uint32_t, std::string> kChanges = {{QEL_USER_ADDED, "added"},
+                                                                {QEL_USER_DELETED, "deleted"},
+                                                                {QEL_USER_PASSWORD, "password"},
+                                                                {QEL_USER_GROUP, "group"}};
+  return kChanges.at(info.event) + " " + quoted(info.username) + " group=" + quoted(info.groupname);
+}
+
+std::string text_of(const qel_syscall_info& info) {
+  char arguments[80];
+  std::snprintf(arguments, sizeof(arguments), " args=%lx,%lx,%lx,%lx", info.arg1, info.arg2,
+                info.arg3, info.arg4);
+  return std::string("syscall ") + info.syscall + " success=" + std::to_string(info.success) + " " +
+         outcome(info) + arguments;
+}
+
+std::string text_of(const qel_execve_info& info) {
+  std::string text = "execve " + outcome(info) + " argc=" + std::to_string(info.argc);
+  if ((info.argv != nullptr) != (info.argc > 0)) return text + " with an odd argv";
+  for (int i = 0; i < info.argc; ++i) text += " " + quoted(info.argv[i]);
+  return text;
+}
+
+std::string text_of(const qel_bind_info& info) {
+  return "bind " + outcome(info) + " " + text_of(info.addr);
+}
+
+void hear_line(const std::string& text) {
+  stage.heard += text.ends_with('\n') ? text : text + "\n";
+}
+
+}  // namespace
+
+std::string quoted(std::string_view bytes) {
+  if (bytes.empty()) return "\"\"";
+  std::string text;
+  for (std::size_t at = 0; at < bytes.size();) {
+    const std::size_t end = std::min(bytes.find_first_not_of(bytes[at], at), bytes.size());
+    const std::string byte = format_byte(bytes[at]);
+    if (end - at >= kShortestRun) {
+      text += "{" + byte + "*" + std::to_string(end - at) + "}";
+    } else {
+      for (std::size_t i = at; i < end; ++i) text += byte;
+    }
+    at = end;
+  }
+  return text;
+}
+
+std::string header(unsigned serial) {
+  return "audit(1700000000.000:" + std::to_string(serial) + "): ";
+}
+
+std::string inet(const std::string& ip, std::uint16_t port) {
+  sockaddr_in inet = {
+      .sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {}, .sin_zero = {}};
+  sockaddr_in6 inet6 = {};
+  if (inet_pton(AF_INET, ip.c_str(), &inet.sin_addr) == 1) {
+    return {reinterpret_cast<const char*>(&inet), sizeof(inet)};
+  }
+  inet6.sin6_family = AF_INET6;
+  inet6.sin6_port = htons(port);
+  if (inet_pton(AF_INET6, ip.c_str(), &inet6.sin6_addr) != 1) throw std::invalid_argument(ip);
+  return {reinterpret_cast<const char*>(&inet6), sizeof(inet6)};
+}
+
+Record syscall_record(const Syscall& fields) {
+  const auto number = [](unsigned value) { return std::to_string(value); };
+  return {AUDIT_SYSCALL,
+          "arch=" + fields.arch + " syscall=" + std::to_string(number_of(fields)) +
+              " success=" + (fields.success ? "yes" : "no") + " exit=" + fields.exit + " " +
+              fields.args + " items=2 ppid=" + number(fields.ppid) + " pid=" + number(fields.pid) +
+              " auid=0 uid=" + number(fields.uid) + " gid=0 comm=" + written(fields.comm) +
+              " exe=\"/bin/cat\" key=" + written(fields.key),
+          fields.serial};
+}
+
+Record execve_record(const std::vector<std::string>& arguments) {
+  std::string body = "argc=" + std::to_string(arguments.size());
+  for (std::size_t i = 0; i < arguments.size(); ++i) {
+    body += " a" + std::to_string(i) + "=" + written(arguments[i]);
+  }
+  return {AUDIT_EXECVE, body};
+}
+
+Record path_record(const std::string& name) {
+  return {AUDIT_PATH, "item=0 name=" + written(name) + " inode=9 nametype=NORMAL"};
+}
+
+Record sockaddr_record(const std::string& address) {
+  return {AUDIT_SOCKADDR, "saddr=" + hex(address)};
+}
+
+// ---- The stage ---------------------------------------------------------------------------------
+
+Stage::Stage() {
+  reset_kernel();
+  stage.start_s += kTimeOfATest_s;
+  offline::set_clock(stage.start_s);
+  reset_databases();
+  databases = {{{"root", 0, 0}}, {{"root", "*"}}, {{"root", 0}}};
+  std::string directory = std::filesystem::temp_directory_path() / "qelaudit-XXXXXX";
+  if (mkdtemp(directory.data()) == nullptr) throw std::runtime_error("cannot make " + directory);
+  directory_ = directory;
+  for (const char* path : {"/etc/passwd", "/etc/shadow", "/var/log/wtmp"}) {
+    redirect(path, file(path));
+    std::ofstream(file(path)).flush();
+  }
+  set_level(QEL_LOG_ERROR);
+  refuse_poller(false);
+  stage.poller = nullptr;
+  heard();
+}
+
+Stage::~Stage() {
+  offline::switch_off();
+  offline::release_clock();
+  reset_databases();
+  std::filesystem::remove_all(directory_);
+}
+
+void Stage::TearDown() {
+  EXPECT_EQ(heard(), "") << "came and was not asked for";
+  stop();
+  EXPECT_EQ(heard().find("error "), std::string::npos) << "came from the stop";
+  EXPECT_FALSE(offline::is_open());
+  const auto& [passwd, shadow, group] = walks;
+  EXPECT_EQ(passwd.ended, passwd.started);
+  EXPECT_EQ(shadow.ended, shadow.started);
+  EXPECT_EQ(group.ended, group.started);
+}
+
+void Stage::reset_kernel() {
+  offline::switch_on();
+  offline::set_config_records(false);
+  offline::set_path_check([](const std::string&) { return true; });
+}
+
+Stage::Client* Stage::client(const std::string& name, Action then) {
+  Client& found = clients_.try_emplace(name, Client{name, {}}).first->second;
+  if (then) found.then = std::move(then);
+  return &found;
+}
+
+template <typename Info>
+int Stage::tell(const Info* event, void* client) {
+  const auto& [name, then] = *static_cast<const Client*>(client);
+  hear_line((name.empty() ? "" : name + ": ") + text_of(*event));
+  if (then) then();
+  return -1;
+}
+
+int Stage::on_login(const std::string& name, const char* user, int mask, Action then) {
+  Client* const told = client(name, std::move(then));
+  return listen([&] { return qel_login_reg_callback(user, mask, tell, told); });
+}
+
+int Stage::on_user(const std::string& name, const char* account, int mask, Action then) {
+  Client* const told = client(name, std::move(then));
+  return listen([&] { return qel_user_reg_callback(account, mask, tell, told); });
+}
+
+int Stage::on_syscall(const std::string& name, const char* call, int success, Action then) {
+  Client* const told = client(name, std::move(then));
+  return listen([&] { return qel_syscall_reg_callback(call, success, tell, told); });
+}
+
+int Stage::on_execve(const std::string& name, const char* command, Action then) {
+  Client* const told = client(name, std::move(then));
+  return listen([&] { return qel_execve_reg_callback(command, tell, told); });
+}
+
+int Stage::on_bind(const std::string& name, int port, Action then) {
+  Client* const told = client(name, std::move(then));
+  return listen([&] { return qel_bind_reg_callback(port, tell, told); });
+}
+
+int Stage::listen(const std::function<int()>& call) {
+  const Listening listening;
+  return call();
+}
+
+int Stage::start() {
+  const int result = listen(qel_audit_init);
+  if (result == 0) poll_all();
+  return result;
+}
+
+void Stage::stop() {
+  const Listening listening;
+  qel_audit_fini();
+}
+
+void Stage::refuse_poller(bool refused) {
+  stage.poller_refused = refused;
+}
+
+std::string Stage::rules() {
+  std::string keys;
+  for (const offline::Rule& rule : offline::rules()) {
+    keys += (keys.empty() ? "" : " ") + offline::key_text(*rule).substr(std::strlen("key="));
+  }
+  return keys;
+}
+
+void Stage::feed(const Record& record) {
+  offline::feed(record.type, header(record.serial) + record.body);
+}
+
+void Stage::feed(int type, const std::string& text) {
+  offline::feed(type, text);
+}
+
+void Stage::end(unsigned serial) {
+  feed({AUDIT_EOE, "", serial});
+}
+
+void Stage::feed_group(const Syscall& fields, const std::vector<Record>& others) {
+  feed(syscall_record(fields));
+  for (const auto& [type, body, serial] : others) feed({type, body, fields.serial});
+  end(fields.serial);
+}
+
+void Stage::play(const std::string& recording, const std::function<void(int group)>& before_end) {
+  std::string path = QEL_RECORDINGS_DIR "/" + recording + ".rec";
+  if (!std::filesystem::exists(path)) path += ".gz";
+  std::set<unsigned> keyed;
+  int group = 0;
+  const std::string error = offline::read_records(path, [&](const offline::Record& record) {
+    const std::string text(record.payload);
+    unsigned serial = 0;
+    std::sscanf(text.c_str(), "audit(%*u.%*u:%u", &serial);
+    if (record.type == AUDIT_SYSCALL && text.find(" key=\"") != text.npos) keyed.insert(serial);
+    const bool ends = record.type == AUDIT_EOE && keyed.erase(serial) != 0;
+    if (ends && before_end) before_end(group++);
+    feed(record.type, text);
+    poll_all();
+  });
+  if (!error.empty()) throw std::runtime_error(error);
+}
+
+int Stage::poll_once() {
+  if (stage.poller == nullptr) throw std::logic_error("the library has not been started");
+  const Listening listening;
+  return stage.poller(stage.poller_argument);
+}
+
+void Stage::poll_all() {
+  while (poll_once() == 1) continue;
+}
+
+void Stage::pass(std::chrono::nanoseconds time) {
+  offline::advance_clock(time);
+  poll_all();
+}
+
+template <typename Entry>
+static Entry& entry_of(std::vector<Entry>& entries, const std::string& name) {
+  const auto found = std::find_if(entries.begin(), entries.end(),
+                                  [&name](const Entry& entry) { return entry.name == name; });
+  if (found != entries.end()) return *found;
+  Entry& added = entries.emplace_back();
+  added.name = name;
+  return added;
+}
+
+void Stage::account(const std::string& name, uid_t uid, gid_t gid, const std::string& hash) {
+  Account& account = entry_of(databases.passwd, name);
+  account.uid = uid;
+  account.gid = gid;
+  touch("/etc/passwd");
+  if (hash.empty()) return;
+  entry_of(databases.shadow, name).hash = hash;
+  touch("/etc/shadow");
+}
+
+void Stage::remove_account(const std::string& name) {
+  const auto is_it = [&name](const auto& entry) { return entry.name == name; };
+  std::erase_if(databases.passwd, is_it);
+  std::erase_if(databases.shadow, is_it);
+  for (const char* path : {"/etc/passwd", "/etc/shadow"}) touch(path);
+}
+
+void Stage::group(gid_t gid, const std::string& name) {
+  const auto has_gid = [gid](const Group& group) { return group.gid == gid; };
+  const auto found = std::find_if(databases.group.begin(), databases.group.end(), has_gid);
+  (found != databases.group.end() ? *found : databases.group.emplace_back()) = {name, gid};
+}
+
+void Stage::append_wtmp(const std::vector<struct utmp>& records) {
+  write_wtmp(file("/var/log/wtmp"), records, std::ios::app);
+}
+
+std::filesystem::path Stage::file(const std::string& path) const {
+  return directory_ / std::filesystem::path(path).filename();
+}
+
+void Stage::touch(const std::string& path) const {
+  std::ofstream(file(path), std::ios::app) << 'x';
+}
+
+std::string Stage::heard() {
+  return std::exchange(stage.heard, "");
+}
+
+void Stage::set_level(int level) {
+  stage.level = level;
+}
+
+}  // namespace test
+
+// These take the place of the framework's. Fatal lines go to standard error as well: the process
+// ends right behind them.
+extern "C" void error_output(int level, const char* source, int, const char* format, ...) {
+  static constexpr const char* kLevels[] = {"fatal", "", "error", "notice", "debug"};
+  if (level > test::stage.level) return;
+  va_list arguments;
+  va_start(arguments, format);
+  char* message = nullptr;
+  const int length = vasprintf(&message, format, arguments);
+  va_end(arguments);
+  if (length < 0) return;
+  if (level == QEL_LOG_FATAL) std::fputs(message, stderr);
+  test::hear_line(std::string(kLevels[level]) + " " + source + ": " + message);
+  std::free(message);
+}
+
+extern "C" int qel_mainloop_reg_poller(qel_poller_fn function, void* argument) {
+  static auto* const framework_function = reinterpret_cast<decltype(&qel_mainloop_reg_poller)>(
+      dlsym(RTLD_NEXT, "qel_mainloop_reg_poller"));
+  if (test::stage.poller_refused) return -1;
+  test::stage.poller = function;
+  test::stage.poller_argument = argument;
+  return framework_function(function, argument);
+}
