@@ -349,7 +349,8 @@ void Stage::refuse_poller(bool refused) {
 std::string Stage::rules() {
   std::string keys;
   for (const offline::Rule& rule : offline::rules()) {
-    keys += (keys.empty() ? "" : " ") + offline::key_text(*rule).substr(std::strlen("key="));
+    const std::string key = offline::key_text(*rule);  // key="NAME"
+    keys += (keys.empty() ? "" : " ") + key.substr(5, key.size() - 6);
   }
   return keys;
 }
