@@ -1,0 +1,447 @@
+// The audit connection, the purge and the rules: what is asked of the kernel and in what order, the
+// rules as it receives them, and what each failure leaves.
+#include <linux/netlink.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "audit_rule.h"
+#include "stage.h"
+
+namespace {
+
+// What the socket was asked for, and the signals that were blocked then.
+struct {
+  std::string options;
+  sigset_t blocked;
+} socket_setup;
+
+}  // namespace
+
+// Refuses the first of the two ways to get more room.
+extern "C" int setsockopt(int, int, int option, const void* value, socklen_t) noexcept {
+  socket_setup.options +=
+      std::to_string(option) + "=" + std::to_string(*static_cast<const int*>(value)) + " ";
+  pthread_sigmask(SIG_BLOCK, nullptr, &socket_setup.blocked);
+  return option == SO_RCVBUFFORCE ? -1 : 0;
+}
+
+namespace {
+
+using namespace test;
+using offline::Call;
+using offline::Rule;
+
+constexpr int kRefused = -EPERM;
+
+// A rule of somebody else.
+Rule foreign_rule(std::uint32_t uid, std::uint32_t list = AUDIT_FILTER_EXIT,
+                  std::uint32_t action = AUDIT_ALWAYS) {
+  Rule rule(static_cast<audit_rule_data*>(std::calloc(1, sizeof(audit_rule_data))));
+  rule->flags = list;
+  rule->action = action;
+  rule->field_count = 1;
+  rule->fields[0] = AUDIT_UID;
+  rule->fieldflags[0] = AUDIT_EQUAL;
+  rule->values[0] = uid;
+  rule->mask[0] = 1;
+  return rule;
+}
+
+const std::string kOne = "LIST_RULES: exit,always uid=1 (0x1) syscall=read\n";
+const std::string kTwo = "LIST_RULES: exit,always uid=2 (0x2) syscall=read\n";
+const std::string kBindLine = "LIST_RULES: exit,always key=bind_rule syscall=bind\n";
+
+void preload_two_rules() {
+  for (const std::uint32_t uid : {1U, 2U}) offline::preload_rule(*foreign_rule(uid));
+}
+
+template <typename Payload>
+void feed_reply(int type, const Payload& payload, std::uint32_t sequence) {
+  offline::feed(type, {reinterpret_cast<const char*>(&payload), sizeof(payload)}, sequence);
+}
+
+// Of the next request but one, which is a stop's for the list when the caller makes none.
+std::uint32_t next_sequence() {
+  return static_cast<std::uint32_t>(audit_request_status(audit_fd)) + 1;
+}
+
+std::string error(const std::string& text) {
+  return "error audit_rule: " + text + "\n";
+}
+
+const std::string kPurgeFailed = error("delete_all_audit_rules failed");
+
+class Rules : public Stage {
+ protected:
+  // How long the calls took by the clock, in seconds.
+  static std::time_t time_of(const Action& calls) {
+    const std::time_t began = std::time(nullptr);
+    calls();
+    return std::time(nullptr) - began;
+  }
+};
+
+// ---- Connection --------------------------------------------------------------------------------
+
+// libaudit refuses a key on a rule without permissions until the process has built a watch, so in a
+// process of its own: the first rule of this one.
+TEST_F(Rules, AProcessWhoseFirstRuleIsForASystemCallLoadsIt) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        start();
+        _exit(audit_add_bind_rule() == 1 && rules() == "bind_rule" ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+TEST_F(Rules, AStartTakesTheReceiversRoleAndDeletesTheRulesOfOthersAndAStopGivesTheRoleUp) {
+  offline::preload_rule(*foreign_rule(9, AUDIT_FILTER_EXCLUDE, AUDIT_NEVER));
+  offline::preload_rule(*foreign_rule(5, AUDIT_FILTER_USER));
+  EXPECT_EQ(listen(qel_audit_init), 0);
+  EXPECT_EQ(heard(),
+            "LIST_RULES: user,always uid=5 (0x5)\nLIST_RULES: exclude,never uid=9 (0x9)\n");
+  EXPECT_TRUE(offline::rules().empty());
+  EXPECT_EQ(offline::receiver_pid(), static_cast<std::uint32_t>(getpid()));
+  EXPECT_EQ(offline::enabled(), 1U);
+  EXPECT_EQ(offline::rate_limit(), 0U);
+  EXPECT_EQ(offline::backlog_limit(), 102400U);
+  EXPECT_EQ(offline::waiting(), 1U) << "the answer to the status request is the poller's";
+  stop();
+  EXPECT_EQ(offline::receiver_pid(), 0U);
+  EXPECT_EQ(offline::enabled(), 1U) << "auditing stays on";
+}
+
+TEST_F(Rules, AStartAsksForEightMebibytesAndIsDisturbedByNoSignalButFaults) {
+  socket_setup.options = "";
+  start();
+  EXPECT_EQ(socket_setup.options,
+            std::to_string(SO_RCVBUFFORCE) + "=8388608 " + std::to_string(SO_RCVBUF) + "=8388608 ");
+  std::string open;
+  for (int signal = 1; signal < SIGSYS + 1; ++signal) {
+    if (sigismember(&socket_setup.blocked, signal) == 0) open += std::to_string(signal) + " ";
+  }
+  EXPECT_EQ(open, "4 5 6 7 8 9 11 19 31 ") << "the faults, SIGKILL and SIGSTOP";
+  sigset_t after;
+  pthread_sigmask(SIG_BLOCK, nullptr, &after);
+  EXPECT_EQ(sigismember(&after, SIGTERM), 0);
+}
+
+// The number of the failing call tells the order of the steps as well.
+TEST_F(Rules, AFailingStepOfAStartIsToldAndOnlyTheFirstOnesEndIt) {
+  const std::string process = " failed, uid=4711 pid=" + std::to_string(getpid());
+  const struct {
+    unsigned number;
+    int result;
+    bool starts;
+    std::string lines;
+  } cases[] = {{1, -EMFILE, false, error("audit_open failed: Too many open files")},
+               {2, -EEXIST, false, error("audit_set_pid" + process)},
+               {3, 2, false, error("audit is locked")},
+               {4, kRefused, false, error("audit_set_enabled" + process)},
+               {5, 0, true, error("audit_set_rate_limit failed")},
+               {6, 0, true, error("audit_set_backlog_limit failed")},
+               {7, 0, true, error("audit_request_rules_list_data failed") + kPurgeFailed}};
+  for (const auto& [number, result, starts, lines] : cases) {
+    SCOPED_TRACE(number);
+    reset_kernel();
+    offline::set_loginuid(4711);
+    offline::fail_call_number(number, result);
+    EXPECT_EQ(start(), starts ? 0 : -1);
+    EXPECT_EQ(heard(), lines);
+    EXPECT_EQ(offline::is_open(), starts);
+    EXPECT_EQ(offline::receiver_pid() != 0, starts);
+    stop();
+  }
+}
+
+TEST_F(Rules, ALockedKernelIsRecognisedBehindUnreadMessages) {
+  offline::fail(Call::kIsEnabled, -1, 2);
+  EXPECT_EQ(start(), 0) << "goes on when nobody knows";
+  stop();
+  offline::set_locked(true);
+  offline::fail(Call::kIsEnabled, -1, 2);
+  for (int i = 0; i < 100; ++i) feed({AUDIT_CWD, "cwd=\"/\""});
+  const unsigned before = offline::calls(Call::kSetEnabled);
+  EXPECT_EQ(start(), -1);
+  EXPECT_EQ(heard(), error("audit is locked"));
+  EXPECT_EQ(offline::calls(Call::kSetEnabled), before) << "it is left as it is";
+}
+
+// ---- Purge -------------------------------------------------------------------------------------
+
+TEST_F(Rules, ADeletionThatFailsLeavesTheRulesFromThereOn) {
+  preload_two_rules();
+  offline::fail_call_number(12, kRefused);  // the seventh lists, three reads and a deletion follow
+  start();
+  EXPECT_EQ(heard(), error("deleting rule failed: Operation not permitted") + kOne + kPurgeFailed);
+  EXPECT_EQ(offline::rules().size(), 1U);
+}
+
+TEST_F(Rules, ASilentKernelIsGivenUpAfterFortyReadsOfWhichAReplyIsOne) {
+  offline::set_silent(true);
+  EXPECT_EQ(time_of([] { listen(qel_audit_init); }), 4);
+  EXPECT_EQ(offline::calls(Call::kGetReply), 40U);
+  feed({AUDIT_CWD, "cwd=\"/\""});
+  offline::advance_clock(900ms);
+  EXPECT_EQ(time_of(stop), 4) << "3.9 seconds";
+}
+
+TEST_F(Rules, AWaitIsRepeatedWhenInterruptedAndCountsAsAnEmptyReadWhenItFails) {
+  preload_two_rules();
+  offline::fail_poll(ENOMEM, 40);
+  listen(qel_audit_init);
+  EXPECT_EQ(offline::calls(Call::kGetReply), 0U);
+  EXPECT_EQ(offline::rules().size(), 2U);
+  offline::fail_poll(EINTR, 100);
+  stop();
+  EXPECT_EQ(heard(), kOne + kTwo);
+}
+
+TEST_F(Rules, NeitherSignalsNorRecordsHoldAStartOrAStopUpForMoreThanTenSeconds) {
+  offline::set_silent(true);
+  offline::set_clock_tick(1ms);
+  offline::fail_poll(EINTR, 1'000'000);
+  EXPECT_LE(time_of([] { listen(qel_audit_init); }), 5);
+  EXPECT_LE(time_of(stop), 5);
+  EXPECT_EQ(heard(), "");
+  offline::fail_poll(0, 0);
+  offline::set_flood(true);
+  EXPECT_LE(time_of([] { listen(qel_audit_init); }), 10);
+  EXPECT_EQ(heard(), kPurgeFailed);
+  EXPECT_LE(time_of(stop), 10);
+  offline::set_flood(false);
+}
+
+TEST_F(Rules, RepliesToOtherRequestsAndRulesWhoseLengthLiesAreDropped) {
+  on_bind("B");
+  poll_all();
+  const std::uint32_t next = next_sequence();
+  const Rule liar = foreign_rule(9);
+  feed_reply(AUDIT_LIST_RULES, *liar, 4000);
+  feed_reply(NLMSG_ERROR, nlmsgerr{-ENOENT, {}}, 4000);
+  offline::feed(NLMSG_DONE, {}, 4000);
+  liar->buflen = 0x7fffffff;
+  feed_reply(AUDIT_LIST_RULES, *liar, next);
+  stop();
+  EXPECT_EQ(heard(), kBindLine);
+}
+
+TEST_F(Rules, AnErrorInTheListDeletesNothing) {
+  start();
+  const std::uint32_t next = next_sequence();
+  feed_reply(AUDIT_LIST_RULES, *foreign_rule(9), next);
+  feed_reply(NLMSG_ERROR, nlmsgerr{kRefused, {}}, next);
+  stop();
+  EXPECT_EQ(heard(), error("receiving rules list failed: Operation not permitted"));
+  EXPECT_FALSE(offline::is_open()) << "the connection is closed all the same";
+}
+
+// ---- Overruns: the kernel has carried out, or refused, a request whose answer was dropped -------
+
+TEST_F(Rules, AnOverrunFailsNothingAndHasThePurgeRepeatedTenTimesAtMost) {
+  for (const Call call :
+       {Call::kSetPid, Call::kSetEnabled, Call::kSetRateLimit, Call::kSetBacklogLimit,
+        Call::kGetReply, Call::kDeleteRule, Call::kRequestRules}) {
+    preload_two_rules();
+    offline::fail(call, -ENOBUFS);
+    listen(qel_audit_init);
+    EXPECT_EQ(heard(), kOne + kTwo);
+    EXPECT_TRUE(offline::rules().empty());
+    stop();
+  }
+  preload_two_rules();
+  const unsigned before = offline::calls(Call::kRequestRules);
+  offline::fail(Call::kDeleteRule, -ENOBUFS, 1000);
+  start();
+  EXPECT_EQ(offline::calls(Call::kRequestRules) - before, 10U);
+  EXPECT_TRUE(heard().ends_with(kTwo + kPurgeFailed));
+  offline::fail(Call::kDeleteRule, 0, 0);
+}
+
+TEST_F(Rules, ARequestIsMadeAgainWhenAnOverrunHidTheAnswer) {
+  offline::fail(Call::kSetEnabled, -ENOBUFS);
+  offline::fail_call_number(5, kRefused);
+  EXPECT_EQ(start(), -1);
+  EXPECT_TRUE(heard().starts_with("error audit_rule: audit_set_enabled failed"));
+
+  start();
+  offline::fail(Call::kAddRule, -ENOBUFS);
+  EXPECT_EQ(audit_add_bind_rule(), 1);
+  ASSERT_EQ(rules(), "bind_rule");
+  const Rule loaded = offline::copy_rule(*offline::rules()[0]);
+  offline::fail(Call::kDeleteRule, -ENOBUFS);
+  audit_del_bind_rule();
+  EXPECT_EQ(rules(), "");
+  offline::preload_rule(*loaded);
+  offline::fail(Call::kAddRule, -ENOBUFS);
+  EXPECT_EQ(audit_add_bind_rule(), 1);
+  EXPECT_EQ(rules(), "bind_rule") << "the kernel had loaded it: not twice";
+  audit_del_bind_rule();
+  offline::fail(Call::kAddRule, -ENOBUFS);
+  offline::set_locked(true);
+  EXPECT_EQ(audit_add_bind_rule(), -1);
+  EXPECT_EQ(heard(), error("audit_add_rule_data failed"));
+}
+
+TEST_F(Rules, ARequestWhoseOutcomeNobodyKnowsCountsAsDone) {
+  offline::fail(Call::kSetEnabled, -ENOBUFS, 2);
+  EXPECT_EQ(start(), 0);
+  offline::fail(Call::kAddRule, -ENOBUFS, 2);
+  EXPECT_EQ(audit_add_bind_rule(), 1);
+  offline::fail(Call::kDeleteRule, -ENOBUFS, 3);
+  audit_del_bind_rule();
+  EXPECT_EQ(audit_add_bind_rule(), 1);
+}
+
+TEST_F(Rules, AnOverrunIsForgottenWithItsConnection) {
+  offline::fail(Call::kSetPid, -ENOBUFS);
+  offline::fail(Call::kSetEnabled, kRefused);
+  EXPECT_EQ(start(), -1);
+  heard();
+  listen(qel_audit_init);
+  EXPECT_EQ(offline::calls(Call::kGetReply), 1U) << "nothing is thrown away";
+}
+
+// ---- Rules loaded once -------------------------------------------------------------------------
+
+TEST_F(Rules, ARuleIsSentOnceAndCountsAsLoadedWhileTheKernelHasIt) {
+  const struct {
+    int (*add)();
+    void (*remove)();
+    std::string line;  // as the purge tells it
+  } cases[] = {
+      {audit_add_execve_rule, audit_del_execve_rule, "key=execve_rule syscall=execve"},
+      {audit_add_bind_rule, audit_del_bind_rule, "key=bind_rule syscall=bind"},
+      {[] { return audit_add_syscall_rule("openat"); }, [] { audit_del_syscall_rule("openat"); },
+       "key=syscall_rule syscall=openat"},
+      {[] { return audit_add_syscall_rule(nullptr); }, [] { audit_del_syscall_rule(nullptr); },
+       "key=syscall_rule syscall=all"},
+      {audit_add_passwd_rule, audit_del_passwd_rule, "watch=/etc/passwd perm=wa key=passwd_rule"},
+      {audit_add_shadow_rule, audit_del_shadow_rule, "watch=/etc/shadow perm=wa key=shadow_rule"},
+      {audit_add_wtmp_rule, audit_del_wtmp_rule, "watch=/var/log/wtmp perm=wa key=wtmp_rule"}};
+  for (const auto& [add, remove, line] : cases) {
+    SCOPED_TRACE(line);
+    reset_kernel();
+    start();
+    offline::fail(Call::kAddRule, kRefused);
+    EXPECT_EQ(add(), -1);
+    remove();
+    EXPECT_EQ(offline::calls(Call::kDeleteRule), 0U) << "what is not loaded is not taken back";
+    EXPECT_EQ(add(), 1);
+    EXPECT_EQ(add(), 0);
+    offline::fail(Call::kDeleteRule, kRefused, 2);
+    remove();
+    EXPECT_EQ(heard(), error("audit_add_rule_data failed") + error("audit_del_rule_data failed"));
+    EXPECT_EQ(add(), 0);
+    remove();
+    remove();
+    EXPECT_TRUE(offline::rules().empty());
+    std::vector<std::uint32_t> flags;
+    for (const auto& request : offline::requests()) flags.push_back(request.flags);
+    EXPECT_EQ(flags, (std::vector<std::uint32_t>{20, 20, 20, 4, 20, 4}))
+        << "taken back with the flags of the add and then with the listed ones";
+    EXPECT_EQ(add(), 1);
+    feed({AUDIT_CWD, "cwd=\"/\""});  // libaudit looks for the answer only at the first message
+    remove();
+    EXPECT_TRUE(offline::rules().empty());
+    EXPECT_EQ(add(), 1);
+    stop();
+    EXPECT_EQ(heard(), "LIST_RULES: exit,always " + line + "\n");
+    start();
+    EXPECT_EQ(add(), 1) << "a stop forgets what was loaded";
+    stop();
+    heard();
+  }
+}
+
+TEST_F(Rules, NoNameStandsForEverySystemCallAndSomeNamesAreRefused) {
+  start();
+  for (const char* name : {"execve", "bind", "no_such", "EXECVE", "OpenAt", "59", "0x31"}) {
+    EXPECT_EQ(audit_add_syscall_rule(name), -1);
+    audit_del_syscall_rule(name);
+  }
+  EXPECT_TRUE(offline::requests().empty());
+  EXPECT_EQ(audit_add_syscall_rule(""), 1);
+  EXPECT_EQ(audit_add_syscall_rule("all"), 0);
+  audit_del_syscall_rule("");
+  EXPECT_EQ(offline::rules().size(), 1U);
+  EXPECT_EQ(heard(),
+            error("syscall execve reserved inside") + error("syscall bind reserved inside") +
+                error("unknown syscall name: no_such") + error("unknown syscall name: EXECVE") +
+                error("unknown syscall name: OpenAt") + error("unknown syscall name: 59") +
+                error("unknown syscall name: 0x31") + error("invalid param"));
+  EXPECT_EQ(audit_add_syscall_rule("1999_c000003e"), 1) << "a call that libaudit has no name for";
+}
+
+TEST_F(Rules, TheRegistryHoldsCopiesOf256Names) {
+  start();
+  std::vector<std::string> names;
+  for (int number = 0; names.size() < 257; ++number) {
+    const char* name = audit_syscall_to_name(number, audit_detect_machine());
+    if (name != nullptr && number != SYS_execve && number != SYS_bind) names.emplace_back(name);
+  }
+  const auto add = [&names](std::size_t index) {
+    const std::string scratch = names[index];
+    return audit_add_syscall_rule(scratch.c_str());
+  };
+  for (std::size_t i = 0; i < 256; ++i) ASSERT_EQ(add(i), 1);
+  EXPECT_EQ(add(256), -1);
+  EXPECT_EQ(heard(), error("too many syscall rule"));
+  for (const std::size_t i : {255U, 0U, 100U}) audit_del_syscall_rule(names[i].c_str());
+  EXPECT_EQ(offline::rules().size(), 253U);
+  EXPECT_EQ(add(256), 1);
+  for (std::size_t i = 0; i < 255; ++i) EXPECT_EQ(add(i), i == 0 || i == 100 ? 1 : 0) << names[i];
+  EXPECT_EQ(add(255), -1) << "full again";
+  heard();
+}
+
+TEST_F(Rules, PathsAndPermissionsOfWatchesAreCheckedBeforeTheyAreSent) {
+  std::string longest;
+  while (longest.size() < 4095) longest += "/" + std::string(255, 'x');
+  longest.resize(4095);
+  const std::string name(255, 'n');
+  const auto missing = [](const std::string& path) { return error("file " + path + " not exist"); };
+  const struct {
+    std::string path, permissions, lines;
+    std::string sent;  // "TYPE PATH PERMISSIONS" in the kernel's numbers
+  } cases[] = {
+      {longest + "y", "wa", error("path too long"), ""},
+      {longest, "wa", missing(longest), "105 " + longest + " 10"},
+      {"etc/x*", "wa", error("must use absolute path"), ""},
+      {"/" + name + "x", "wa", error("dirname or filename too long"), ""},
+      {"/" + name, "wa", missing("/" + name), "105 /" + name + " 10"},
+      {"/proc/../proc", "wa", error("relative path not supported"), "107 /proc/../proc 10"},
+      {"/no?", "wa", error("wildcard is not supported") + missing("/no?"), "105 /no? 10"},
+      {"/proc///", "WA", "", "107 /proc 10"},
+      {"/proc", "rRxr", "", "107 /proc 5"},
+      {"/proc", "", error("invalid file permission: "), ""},
+      {"/proc", "rwxaw", error("invalid file permission: rwxaw"), ""},
+      {"/proc", "wQ", error("permission Q not support"), ""},
+  };
+  start();
+  for (const auto& [path, permissions, lines, sent] : cases) {
+    SCOPED_TRACE(path.substr(0, 100) + " " + permissions);
+    const std::size_t before = offline::requests().size();
+    send_watch_rule(Request::kAdd, path.c_str(), permissions.c_str(), kPasswdRule);
+    EXPECT_EQ(heard(), lines);
+    std::ostringstream text;
+    if (offline::requests().size() > before) {
+      const audit_rule_data& rule = *offline::requests().back().rule;
+      text << rule.fields[0] << " " << std::string(rule.buf, rule.values[0]) << " "
+           << rule.values[1];
+    }
+    EXPECT_EQ(text.str(), sent);
+  }
+}
+
+}  // namespace
