@@ -33,36 +33,15 @@ struct {
   std::time_t start_s = 1'700'000'000;
 } stage;
 
-// ---- Standard output ---------------------------------------------------------------------------
-
-// A stream that lets what is flushed be heard: who reads standard output gets no more.
+// A stream that lets what is flushed be heard: who reads standard output gets no more than that.
 std::FILE* open_ear() {
-  const cookie_io_functions_t functions = {
-      .read = nullptr,
-      .write = [](void*, const char* text, std::size_t size) -> ssize_t {
-        stage.heard.append(text, size);
-        return static_cast<ssize_t>(size);
-      },
-      .seek = nullptr,
-      .close = nullptr};
-  return fopencookie(nullptr, "w", functions);
+  const auto hear = [](void*, const char* text, std::size_t size) {
+    stage.heard.append(text, size);
+    return static_cast<ssize_t>(size);
+  };
+  return fopencookie(nullptr, "w",
+                     {.read = nullptr, .write = hear, .seek = nullptr, .close = nullptr});
 }
-
-// While it lives, standard output is heard.
-class Listening {
- public:
-  Listening() : before_(std::exchange(stdout, ear())) {}
-  ~Listening() { stdout = before_; }
-  Listening(const Listening&) = delete;
-  Listening& operator=(const Listening&) = delete;
-
- private:
-  static std::FILE* ear() {
-    static std::FILE* const stream = open_ear();
-    return stream;
-  }
-  std::FILE* before_;
-};
 
 // ---- Texts -------------------------------------------------------------------------------------
 
@@ -83,13 +62,6 @@ std::string written(const std::string& text) {
   return plain ? '"' + text + '"' : hex(text);
 }
 
-int number_of(const Syscall& fields) {
-  static const std::map<std::string, int> kNumbers = {{"execve_rule", 59}, {"bind_rule", 49}};
-  if (fields.number >= 0) return fields.number;
-  const auto found = kNumbers.find(fields.key);
-  return found != kNumbers.end() ? found->second : 257;
-}
-
 std::string format_byte(char byte) {
   const bool plain = byte > ' ' && byte <= '~' && byte != '\\' && byte != '{';
   return plain ? std::string{byte} : hex({&byte, 1}, "\\x%02x");
@@ -97,38 +69,29 @@ std::string format_byte(char byte) {
 
 // ---- Events ------------------------------------------------------------------------------------
 
-// The bytes of an address from `offset` on, up to the last that is not zero.
-std::string rest_of(const sockaddr_storage& address, std::size_t offset) {
-  const std::string_view bytes(reinterpret_cast<const char*>(&address), sizeof(address));
-  const std::size_t last = bytes.find_last_not_of('\0');
-  return last == bytes.npos || last < offset
-             ? ""
-             : " " + hex(bytes.substr(offset, last + 1 - offset), "%02x");
-}
-
+// What the bytes of an address mean; the others follow, up to the last that is not zero.
 std::string text_of(const sockaddr_storage& address) {
+  const auto* const bytes = reinterpret_cast<const char*>(&address);
+  const auto& inet6 = reinterpret_cast<const sockaddr_in6&>(address);
   char ip[INET6_ADDRSTRLEN] = "";
+  std::string text = "family=" + std::to_string(address.ss_family);
+  std::size_t told = sizeof(sa_family_t);
   if (address.ss_family == AF_INET) {
-    const auto& inet = reinterpret_cast<const sockaddr_in&>(address);
-    inet_ntop(AF_INET, &inet.sin_addr, ip, sizeof(ip));
-    return std::string(ip) + ":" + std::to_string(ntohs(inet.sin_port)) +
-           rest_of(address, offsetof(sockaddr_in, sin_zero));
-  }
-  if (address.ss_family == AF_INET6) {
-    const auto& inet6 = reinterpret_cast<const sockaddr_in6&>(address);
+    text = inet_ntop(AF_INET, bytes + offsetof(sockaddr_in, sin_addr), ip, sizeof(ip));
+    told = offsetof(sockaddr_in, sin_zero);
+  } else if (address.ss_family == AF_INET6 && inet6.sin6_flowinfo == 0) {
     inet_ntop(AF_INET6, &inet6.sin6_addr, ip, sizeof(ip));
-    const std::string flow =
-        inet6.sin6_flowinfo != 0 ? " flow=" + std::to_string(ntohl(inet6.sin6_flowinfo)) : "";
-    return "[" + std::string(ip) + "]:" + std::to_string(ntohs(inet6.sin6_port)) + flow +
-           (inet6.sin6_scope_id != 0 ? " scope=" + std::to_string(inet6.sin6_scope_id) : "") +
-           rest_of(address, sizeof(sockaddr_in6));
+    text = "[" + std::string(ip) + "]";
+    told = offsetof(sockaddr_in6, sin6_scope_id);
+  } else if (address.ss_family == AF_UNIX) {
+    const std::string_view path(bytes + told, strnlen(bytes + told, sizeof(address) - told));
+    text = "unix " + quoted(path);
+    told += path.size();
   }
-  if (address.ss_family == AF_UNIX) {
-    const char* const path = reinterpret_cast<const sockaddr_un&>(address).sun_path;
-    const std::size_t length = strnlen(path, sizeof(address) - sizeof(sa_family_t));
-    return "unix " + quoted({path, length}) + rest_of(address, sizeof(sa_family_t) + length);
-  }
-  return "family=" + std::to_string(address.ss_family) + rest_of(address, sizeof(sa_family_t));
+  if (ip[0] != '\0') text += ":" + std::to_string(ntohs(inet6.sin6_port));
+  std::string rest(bytes + told, sizeof(address) - told);
+  rest.resize(rest.find_last_not_of('\0') + 1);
+  return text + (rest.empty() ? "" : " " + hex(rest, "%02x"));
 }
 
 template <typename Info>
@@ -218,7 +181,7 @@ std::string inet(const std::string& ip, std::uint16_t port) {
 Record syscall_record(const Syscall& fields) {
   const auto number = [](unsigned value) { return std::to_string(value); };
   return {AUDIT_SYSCALL,
-          "arch=" + fields.arch + " syscall=" + std::to_string(number_of(fields)) +
+          "arch=" + fields.arch + " syscall=" + std::to_string(fields.number) +
               " success=" + (fields.success ? "yes" : "no") + " exit=" + fields.exit + " " +
               fields.args + " items=2 ppid=" + number(fields.ppid) + " pid=" + number(fields.pid) +
               " auid=0 uid=" + number(fields.uid) + " gid=0 comm=" + written(fields.comm) +
@@ -287,9 +250,9 @@ void Stage::reset_kernel() {
   offline::set_path_check([](const std::string&) { return true; });
 }
 
-Stage::Client* Stage::client(const std::string& name, Action then) {
+Stage::Client* Stage::client(const std::string& name, const Action& then) {
   Client& found = clients_.try_emplace(name, Client{name, {}}).first->second;
-  if (then) found.then = std::move(then);
+  if (then) found.then = then;
   return &found;
 }
 
@@ -301,34 +264,32 @@ int Stage::tell(const Info* event, void* client) {
   return -1;
 }
 
-int Stage::on_login(const std::string& name, const char* user, int mask, Action then) {
-  Client* const told = client(name, std::move(then));
-  return listen([&] { return qel_login_reg_callback(user, mask, tell, told); });
+int Stage::on_login(const std::string& name, const char* user, int mask, const Action& then) {
+  return listen([&] { return qel_login_reg_callback(user, mask, tell, client(name, then)); });
 }
 
-int Stage::on_user(const std::string& name, const char* account, int mask, Action then) {
-  Client* const told = client(name, std::move(then));
-  return listen([&] { return qel_user_reg_callback(account, mask, tell, told); });
+int Stage::on_user(const std::string& name, const char* account, int mask, const Action& then) {
+  return listen([&] { return qel_user_reg_callback(account, mask, tell, client(name, then)); });
 }
 
-int Stage::on_syscall(const std::string& name, const char* call, int success, Action then) {
-  Client* const told = client(name, std::move(then));
-  return listen([&] { return qel_syscall_reg_callback(call, success, tell, told); });
+int Stage::on_syscall(const std::string& name, const char* call, int success, const Action& then) {
+  return listen([&] { return qel_syscall_reg_callback(call, success, tell, client(name, then)); });
 }
 
-int Stage::on_execve(const std::string& name, const char* command, Action then) {
-  Client* const told = client(name, std::move(then));
-  return listen([&] { return qel_execve_reg_callback(command, tell, told); });
+int Stage::on_execve(const std::string& name, const char* command, const Action& then) {
+  return listen([&] { return qel_execve_reg_callback(command, tell, client(name, then)); });
 }
 
-int Stage::on_bind(const std::string& name, int port, Action then) {
-  Client* const told = client(name, std::move(then));
-  return listen([&] { return qel_bind_reg_callback(port, tell, told); });
+int Stage::on_bind(const std::string& name, int port, const Action& then) {
+  return listen([&] { return qel_bind_reg_callback(port, tell, client(name, then)); });
 }
 
 int Stage::listen(const std::function<int()>& call) {
-  const Listening listening;
-  return call();
+  static std::FILE* const ear = open_ear();
+  std::FILE* const before = std::exchange(stdout, ear);
+  const int result = call();
+  stdout = before;
+  return result;
 }
 
 int Stage::start() {
@@ -338,8 +299,7 @@ int Stage::start() {
 }
 
 void Stage::stop() {
-  const Listening listening;
-  qel_audit_fini();
+  listen([] { return qel_audit_fini(), 0; });
 }
 
 void Stage::refuse_poller(bool refused) {
@@ -393,8 +353,7 @@ void Stage::play(const std::string& recording, const std::function<void(int grou
 
 int Stage::poll_once() {
   if (stage.poller == nullptr) throw std::logic_error("the library has not been started");
-  const Listening listening;
-  return stage.poller(stage.poller_argument);
+  return listen([] { return stage.poller(stage.poller_argument); });
 }
 
 void Stage::poll_all() {

@@ -51,7 +51,7 @@ struct Syscall {
   unsigned serial = 7;
   std::string key = "execve_rule";
   std::string comm = "cat";
-  int number = -1;  // the call that the rule of this key watches
+  int number = 257;  // openat
   bool success = true;
   std::string exit = "0";
   std::string args = "a0=1 a1=2 a2=3 a3=4";
@@ -98,13 +98,13 @@ class Stage : public testing::Test {
   // then the action runs. The same name stands for the same callback and argument. They return the
   // library's result.
   int on_login(const std::string& name, const char* user = "", int mask = kInAndOut,
-               Action then = {});
+               const Action& then = {});
   int on_user(const std::string& name, const char* account = "", int mask = kEveryChange,
-              Action then = {});
+              const Action& then = {});
   int on_syscall(const std::string& name, const char* call = "all", int success = QEL_SYSCALL_ANY,
-                 Action then = {});
-  int on_execve(const std::string& name, const char* command = "", Action then = {});
-  int on_bind(const std::string& name, int port = 0, Action then = {});
+                 const Action& then = {});
+  int on_execve(const std::string& name, const char* command = "", const Action& then = {});
+  int on_bind(const std::string& name, int port = 0, const Action& then = {});
 
   // ---- Start and stop. start() reads what waits as well.
   static int start();
@@ -151,7 +151,7 @@ class Stage : public testing::Test {
     std::string name;
     Action then;
   };
-  Client* client(const std::string& name, Action then);
+  Client* client(const std::string& name, const Action& then);
   template <typename Info>
   static int tell(const Info* event, void* client);
 
