@@ -144,7 +144,7 @@ INSTANTIATE_TEST_SUITE_P(BothOrders, EveryCall,
 
 TEST_F(Lifecycle, TheMainLoopDrivesTheLibraryAlsoAfterARestart) {
   for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(on_execve("A", "", qel_mainloop_stop), 0);
+    ASSERT_EQ(on_execve("A", "", qel_mainloop_stop), 0);
     feed_group({}, {execve_record({"cat"})});
     qel_mainloop_run();
     EXPECT_EQ(heard(), "A: " + kCat);

@@ -213,7 +213,7 @@ TEST_F(Rules, NeitherSignalsNorRecordsHoldAStartOrAStopUpForMoreThanTenSeconds) 
 }
 
 TEST_F(Rules, RepliesToOtherRequestsAndRulesWhoseLengthLiesAreDroppedAndAnErrorEndsTheList) {
-  for (const int error : {0, kRefused}) {
+  for (const int result : {0, kRefused}) {
     on_bind("B");
     poll_all();
     const auto next = static_cast<std::uint32_t>(audit_request_status(audit_fd)) + 1;
@@ -221,7 +221,8 @@ TEST_F(Rules, RepliesToOtherRequestsAndRulesWhoseLengthLiesAreDroppedAndAnErrorE
     feed_reply(AUDIT_LIST_RULES, rule, 4000);
     feed_reply(NLMSG_ERROR, nlmsgerr{-ENOENT, {}}, 4000);
     offline::feed(NLMSG_DONE, {}, 4000);
-    feed_reply(NLMSG_ERROR, nlmsgerr{error, {}}, next);
+    if (result != 0) feed_reply(AUDIT_LIST_RULES, rule, next);
+    feed_reply(NLMSG_ERROR, nlmsgerr{result, {}}, next);
     rule.buflen = 0x7fffffff;
     feed_reply(AUDIT_LIST_RULES, rule, next);
     stop();
@@ -283,10 +284,12 @@ TEST_F(Rules, ARequestWhoseOutcomeNobodyKnowsCountsAsDone) {
     offline::fail(call, -ENOBUFS, 2);
   }
   EXPECT_EQ(start(), 0);
-  offline::fail(Call::kAddRule, -ENOBUFS, 2);
-  EXPECT_EQ(audit_add_bind_rule(), 1);
-  offline::fail(Call::kDeleteRule, -ENOBUFS, 3);
-  audit_del_bind_rule();
+  for (const unsigned unknown_deletions : {1U, 3U}) {
+    offline::fail(Call::kAddRule, -ENOBUFS, 2);
+    EXPECT_EQ(audit_add_bind_rule(), 1);
+    offline::fail(Call::kDeleteRule, -ENOBUFS, unknown_deletions);
+    audit_del_bind_rule();
+  }
   EXPECT_EQ(audit_add_bind_rule(), 1);
 }
 
