@@ -43,6 +43,21 @@ Entry* next_of(std::vector<Entry>& entries, Walk& walk) {
   return walk.next < entries.size() ? &entries[walk.next++] : nullptr;
 }
 
+struct passwd entry_of(Account& row) {
+  return {row.name.data(),  row.passwd.data(), row.uid,         row.gid,
+          row.gecos.data(), row.dir.data(),    row.shell.data()};
+}
+struct spwd entry_of(Shadow& row) {
+  struct spwd entry = {};
+  if (row.has_null_texts) return entry;
+  entry.sp_namp = row.name.data();
+  entry.sp_pwdp = row.hash.data();
+  return entry;
+}
+struct group entry_of(Group& row) {
+  return {row.name.data(), nullptr, row.gid, nullptr};
+}
+
 }  // namespace
 
 void redirect(const std::string& path, const std::string& to) {
@@ -113,53 +128,27 @@ void write_wtmp(const std::string& path, const std::vector<struct utmp>& records
 using test::databases;
 using test::walks;
 
+// The functions that start, go on with and end a walk through one database.
+#define QEL_TAKE_OVER(suffix, entry, rows, walk) \
+  void set##suffix() {                           \
+    walk = {walk.started + 1, walk.ended, 0};    \
+  }                                              \
+  void end##suffix() {                           \
+    ++walk.ended;                                \
+  }                                              \
+  struct entry* get##suffix() {                  \
+    static struct entry next;                    \
+    auto* const row = test::next_of(rows, walk); \
+    if (row == nullptr) return nullptr;          \
+    next = test::entry_of(*row);                 \
+    return &next;                                \
+  }
+
 extern "C" {
 
-void setpwent() {
-  walks.passwd = {walks.passwd.started + 1, walks.passwd.ended, 0};
-}
-void endpwent() {
-  ++walks.passwd.ended;
-}
-struct passwd* getpwent() {
-  static struct passwd entry;
-  test::Account* account = test::next_of(databases.passwd, walks.passwd);
-  if (account == nullptr) return nullptr;
-  auto& [name, uid, gid, password, gecos, dir, shell] = *account;
-  entry = {name.data(), password.data(), uid, gid, gecos.data(), dir.data(), shell.data()};
-  return &entry;
-}
-
-void setspent() {
-  walks.shadow = {walks.shadow.started + 1, walks.shadow.ended, 0};
-}
-void endspent() {
-  ++walks.shadow.ended;
-}
-struct spwd* getspent() {
-  static struct spwd entry;
-  test::Shadow* shadow = test::next_of(databases.shadow, walks.shadow);
-  if (shadow == nullptr) return nullptr;
-  entry = {};
-  if (shadow->has_null_texts) return &entry;
-  entry.sp_namp = shadow->name.data();
-  entry.sp_pwdp = shadow->hash.data();
-  return &entry;
-}
-
-void setgrent() {
-  walks.group = {walks.group.started + 1, walks.group.ended, 0};
-}
-void endgrent() {
-  ++walks.group.ended;
-}
-struct group* getgrent() {
-  static struct group entry;
-  test::Group* group = test::next_of(databases.group, walks.group);
-  if (group == nullptr) return nullptr;
-  entry = {group->name.data(), nullptr, group->gid, nullptr};
-  return &entry;
-}
+QEL_TAKE_OVER(pwent, passwd, databases.passwd, walks.passwd)
+QEL_TAKE_OVER(spent, spwd, databases.shadow, walks.shadow)
+QEL_TAKE_OVER(grent, group, databases.group, walks.group)
 
 int stat(const char* path, struct stat* status) {
   if (test::redirections.contains(path)) ++test::stat_calls;

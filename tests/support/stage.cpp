@@ -146,17 +146,13 @@ void hear_line(const std::string& text) {
 }  // namespace
 
 std::string quoted(std::string_view bytes) {
-  if (bytes.empty()) return "\"\"";
-  std::string text;
-  for (std::size_t at = 0; at < bytes.size();) {
-    const std::size_t end = std::min(bytes.find_first_not_of(bytes[at], at), bytes.size());
-    const std::string byte = format_byte(bytes[at]);
-    if (end - at >= kShortestRun) {
-      text += "{" + byte + "*" + std::to_string(end - at) + "}";
-    } else {
-      for (std::size_t i = at; i < end; ++i) text += byte;
-    }
-    at = end;
+  std::string text = bytes.empty() ? "\"\"" : "";
+  while (!bytes.empty()) {
+    const std::size_t run = std::min(bytes.find_first_not_of(bytes[0]), bytes.size());
+    const std::string byte = format_byte(bytes[0]);
+    const bool is_long = run >= kShortestRun;
+    text += is_long ? "{" + byte + "*" + std::to_string(run) + "}" : byte;
+    bytes.remove_prefix(is_long ? run : 1);
   }
   return text;
 }
@@ -166,16 +162,13 @@ std::string header(unsigned serial) {
 }
 
 std::string inet(const std::string& ip, std::uint16_t port) {
-  sockaddr_in inet = {
-      .sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {}, .sin_zero = {}};
-  sockaddr_in6 inet6 = {};
-  if (inet_pton(AF_INET, ip.c_str(), &inet.sin_addr) == 1) {
-    return {reinterpret_cast<const char*>(&inet), sizeof(inet)};
+  sockaddr_in6 inet6 = {AF_INET6, htons(port), 0, {}, 0};
+  if (inet_pton(AF_INET6, ip.c_str(), &inet6.sin6_addr) == 1) {
+    return {reinterpret_cast<const char*>(&inet6), sizeof(inet6)};
   }
-  inet6.sin6_family = AF_INET6;
-  inet6.sin6_port = htons(port);
-  if (inet_pton(AF_INET6, ip.c_str(), &inet6.sin6_addr) != 1) throw std::invalid_argument(ip);
-  return {reinterpret_cast<const char*>(&inet6), sizeof(inet6)};
+  sockaddr_in inet = {AF_INET, htons(port), {}, {}};
+  if (inet_pton(AF_INET, ip.c_str(), &inet.sin_addr) != 1) throw std::invalid_argument(ip);
+  return {reinterpret_cast<const char*>(&inet), sizeof(inet)};
 }
 
 Record syscall_record(const Syscall& fields) {
@@ -367,12 +360,11 @@ void Stage::pass(std::chrono::nanoseconds time) {
 
 template <typename Entry>
 static Entry& entry_of(std::vector<Entry>& entries, const std::string& name) {
-  const auto found = std::find_if(entries.begin(), entries.end(),
-                                  [&name](const Entry& entry) { return entry.name == name; });
-  if (found != entries.end()) return *found;
-  Entry& added = entries.emplace_back();
-  added.name = name;
-  return added;
+  for (Entry& entry : entries) {
+    if (entry.name == name) return entry;
+  }
+  entries.emplace_back().name = name;
+  return entries.back();
 }
 
 void Stage::account(const std::string& name, uid_t uid, gid_t gid, const std::string& hash) {
@@ -383,19 +375,6 @@ void Stage::account(const std::string& name, uid_t uid, gid_t gid, const std::st
   if (hash.empty()) return;
   entry_of(databases.shadow, name).hash = hash;
   touch("/etc/shadow");
-}
-
-void Stage::remove_account(const std::string& name) {
-  const auto is_it = [&name](const auto& entry) { return entry.name == name; };
-  std::erase_if(databases.passwd, is_it);
-  std::erase_if(databases.shadow, is_it);
-  for (const char* path : {"/etc/passwd", "/etc/shadow"}) touch(path);
-}
-
-void Stage::group(gid_t gid, const std::string& name) {
-  const auto has_gid = [gid](const Group& group) { return group.gid == gid; };
-  const auto found = std::find_if(databases.group.begin(), databases.group.end(), has_gid);
-  (found != databases.group.end() ? *found : databases.group.emplace_back()) = {name, gid};
 }
 
 void Stage::append_wtmp(const std::vector<struct utmp>& records) {

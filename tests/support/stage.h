@@ -135,8 +135,6 @@ class Stage : public testing::Test {
   // ---- Databases. Each change changes the files behind them, too; `databases` itself does not.
   // Adds an account or changes the one of this name. An empty hash leaves the shadow file as it is.
   void account(const std::string& name, uid_t uid, gid_t gid, const std::string& hash = "");
-  void remove_account(const std::string& name);
-  static void group(gid_t gid, const std::string& name);
   void append_wtmp(const std::vector<struct utmp>& records);
   // The file of the stage's own in the place of "/etc/passwd", "/etc/shadow" or "/var/log/wtmp".
   std::filesystem::path file(const std::string& path) const;
