@@ -45,26 +45,29 @@ std::FILE* open_ear() {
 
 // ---- Texts -------------------------------------------------------------------------------------
 
-std::string hex(std::string_view bytes, const char* format = "%02X") {
+std::string hex(std::string_view bytes, const char* digits = "0123456789abcdef") {
   std::string text;
-  char digits[8];
   for (const char byte : bytes) {
-    std::snprintf(digits, sizeof(digits), format, static_cast<unsigned char>(byte));
-    text += digits;
+    text += digits[static_cast<unsigned char>(byte) >> 4];
+    text += digits[static_cast<unsigned char>(byte) & 15];
   }
   return text;
+}
+
+std::string kernel_hex(std::string_view bytes) {
+  return hex(bytes, "0123456789ABCDEF");
 }
 
 // A text of a record.
 std::string written(const std::string& text) {
   const bool plain = std::all_of(
       text.begin(), text.end(), [](char byte) { return byte > ' ' && byte <= '~' && byte != '"'; });
-  return plain ? '"' + text + '"' : hex(text);
+  return plain ? '"' + text + '"' : kernel_hex(text);
 }
 
 std::string format_byte(char byte) {
   const bool plain = byte > ' ' && byte <= '~' && byte != '\\' && byte != '{';
-  return plain ? std::string{byte} : hex({&byte, 1}, "\\x%02x");
+  return plain ? std::string{byte} : "\\x" + hex({&byte, 1});
 }
 
 // ---- Events ------------------------------------------------------------------------------------
@@ -91,7 +94,7 @@ std::string text_of(const sockaddr_storage& address) {
   if (ip[0] != '\0') text += ":" + std::to_string(ntohs(inet6.sin6_port));
   std::string rest(bytes + told, sizeof(address) - told);
   rest.resize(rest.find_last_not_of('\0') + 1);
-  return text + (rest.empty() ? "" : " " + hex(rest, "%02x"));
+  return text + (rest.empty() ? "" : " " + hex(rest));
 }
 
 template <typename Info>
@@ -195,7 +198,7 @@ Record path_record(const std::string& name) {
 }
 
 Record sockaddr_record(const std::string& address) {
-  return {AUDIT_SOCKADDR, "saddr=" + hex(address)};
+  return {AUDIT_SOCKADDR, "saddr=" + kernel_hex(address)};
 }
 
 // ---- The stage ---------------------------------------------------------------------------------
