@@ -7,10 +7,7 @@
 #include <pwd.h>
 #include <shadow.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <map>
 #include <stdexcept>
@@ -74,33 +71,6 @@ void reset_databases() {
   redirections = kNoWatchedFiles;
   stat_calls = 0;
   utmpname_fails = false;
-}
-
-ScratchFile::ScratchFile() {
-  const char* directory = std::getenv("TMPDIR");
-  path_ = std::string(directory != nullptr ? directory : "/tmp") + "/qelaudit-XXXXXX";
-  const int fd = mkstemp(path_.data());
-  if (fd < 0) throw std::runtime_error("cannot make " + path_);
-  close(fd);
-}
-
-ScratchFile::~ScratchFile() {
-  unlink(path_.c_str());
-}
-
-void ScratchFile::append(const std::string& text) const {
-  std::ofstream(path_, std::ios::app) << text;
-}
-
-void ScratchFile::set_time(timespec modified) const {
-  const timespec times[] = {modified, modified};
-  if (utimensat(AT_FDCWD, path_.c_str(), times, 0) != 0) throw std::runtime_error(path_);
-}
-
-void ScratchFile::replace() const {
-  const ScratchFile other;
-  std::filesystem::resize_file(other.path(), std::filesystem::file_size(path_));
-  std::filesystem::rename(other.path(), path_);
 }
 
 struct utmp utmp_record(short type, pid_t pid, const std::string& line, const std::string& user,

@@ -61,23 +61,6 @@ void fail_utmpname(bool fails);
 // Empty databases, no redirections, counts at zero.
 void reset_databases();
 
-// An empty file of a test's own, removed at the end.
-class ScratchFile {
- public:
-  ScratchFile();
-  ~ScratchFile();
-  ScratchFile(const ScratchFile&) = delete;
-  ScratchFile& operator=(const ScratchFile&) = delete;
-  const std::string& path() const { return path_; }
-  void append(const std::string& text) const;
-  void set_time(timespec modified) const;
-  // Puts another file of the same size in its place.
-  void replace() const;
-
- private:
-  std::string path_;
-};
-
 // A wtmp record. `user` and `line` are cut to their 32 bytes and not terminated when they fill
 // them.
 struct utmp utmp_record(short type, pid_t pid, const std::string& line, const std::string& user,
