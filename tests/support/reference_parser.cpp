@@ -8,7 +8,8 @@
 #include <cstring>
 #include <iterator>
 #include <sstream>
-#include <utility>
+
+#include "guarded_text.h"
 
 namespace test {
 namespace {
@@ -35,8 +36,42 @@ std::string decode(const std::string& value) {
   return reinterpret_cast<const char*>(bytes.data());
 }
 
+bool read_serial(const char* text, std::uint32_t& serial) {
+  const char* stamp = std::strstr(text, "audit(");
+  if (stamp == nullptr) return false;
+  stamp += std::strlen("audit(");
+  const std::string cut(stamp, std::strcspn(stamp, ")"));
+  return std::sscanf(cut.c_str(), "%*u.%*u:%u", &serial) == 1;
+}
+
+}  // namespace
+
+std::string describe(const audit_ctx& ctx) {
+  std::ostringstream out;
+  const auto put = [&out](auto... numbers) { ((out << +numbers << ' '), ...); };
+  const auto show = [&out](const char* text) {
+    out << (text != nullptr ? text : "(none)") << "' ";
+  };
+  put(ctx.deadline, ctx.msgtype, ctx.ruletype, ctx.serial, ctx.arch, ctx.syscall, ctx.success);
+  put(ctx.exit, ctx.args[0], ctx.args[1], ctx.args[2], ctx.args[3]);
+  put(ctx.ppid, ctx.pid, ctx.uid, ctx.gid);
+  for (const char* text : {ctx.path, ctx.key, ctx.comm}) show(text);
+  put(ctx.argc, ctx.arg_index, ctx.arg_left, ctx.arg_offset, ctx.arg_parts);
+  for (int i = 0; ctx.argv != nullptr && i < ctx.argc; ++i) show(ctx.argv[i]);
+  for (const std::uint8_t byte : ctx.sockaddr) put(byte);
+  return out.str() + "\n";
+}
+
+int feed_library(int type, std::string_view text) {
+  audit_reply reply = {};
+  reply.type = type;
+  reply.len = static_cast<int>(text.size());
+  reply.message = const_cast<char*>(guarded(text).data());
+  return handle_audit_msg(&reply);
+}
+
 // Steps through the fields of a record, each of which is looked for behind the one before.
-struct Fields {
+struct ReferenceIntake::Fields {
   const char* at;
 
   std::optional<std::string> next(const std::string& name) {
@@ -72,15 +107,7 @@ struct Fields {
   }
 };
 
-bool parse_serial(const char* text, std::uint32_t& serial) {
-  const char* stamp = std::strstr(text, "audit(");
-  if (stamp == nullptr) return false;
-  stamp += std::strlen("audit(");
-  const std::string cut(stamp, std::strcspn(stamp, ")"));
-  return std::sscanf(cut.c_str(), "%*u.%*u:%u", &serial) == 1;
-}
-
-bool read_syscall(const char* text, Context& record) {
+bool ReferenceIntake::read_syscall(const char* text, Context& record) {
   Fields fields{text};
   if (!fields.number("arch=", 16, record.arch)) return false;
   if (!fields.number("syscall=", 10, record.syscall)) return false;
@@ -88,10 +115,9 @@ bool read_syscall(const char* text, Context& record) {
   fields.number("exit=", 0, record.exit);
   for (const int i : {0, 1, 2, 3})
     if (!fields.number("a" + std::to_string(i) + "=", 16, record.args[i])) return false;
-  if (!fields.number(" ppid=", 10, record.ppid)) return false;
-  if (!fields.number(" pid=", 10, record.pid)) return false;
-  if (!fields.number(" uid=", 10, record.uid)) return false;
-  if (!fields.number(" gid=", 10, record.gid)) return false;
+  if (!fields.number(" ppid=", 10, record.ppid) || !fields.number(" pid=", 10, record.pid) ||
+      !fields.number(" uid=", 10, record.uid) || !fields.number(" gid=", 10, record.gid))
+    return false;
   const auto comm = fields.next("comm=");
   const auto key = comm ? fields.next_key() : std::nullopt;
   if (!key) return false;
@@ -101,7 +127,7 @@ bool read_syscall(const char* text, Context& record) {
 }
 
 // The slot keeps what is written of a split argument, with the opening quote.
-void add_piece(Context& ctx, std::string piece) {
+void ReferenceIntake::add_piece(Context& ctx, std::string piece) {
   std::optional<std::string>& slot = ctx.arguments[static_cast<std::size_t>(ctx.arg_index)];
   const bool first = ctx.arg_parts++ == 0;
   const bool quoted = piece.starts_with('"');
@@ -119,68 +145,19 @@ void add_piece(Context& ctx, std::string piece) {
   ++ctx.arg_index;
 }
 
-std::string show(const std::optional<std::string>& text) {
-  return text ? " '" + *text + "'" : " null";
-}
-
-std::optional<std::string> take_text(char*& text) {
-  const char* from = std::exchange(text, nullptr);
-  return from != nullptr ? std::optional<std::string>(from) : std::nullopt;
-}
-
-}  // namespace
-
-Context snapshot(const audit_ctx& ctx) {
-  Context copy = {};
-  static_cast<audit_ctx&>(copy) = ctx;
-  copy.path_text = take_text(copy.path);
-  copy.key_text = take_text(copy.key);
-  copy.comm_text = take_text(copy.comm);
-  copy.argv = nullptr;
-  for (int i = 0; ctx.argv != nullptr && i < ctx.argc; ++i) {
-    char* argument = ctx.argv[i];
-    copy.arguments.push_back(take_text(argument));
-  }
-  return copy;
-}
-
-std::string describe(const Context& ctx) {
-  std::ostringstream out;
-  out << "deadline " << ctx.deadline << " msgtype " << ctx.msgtype << " ruletype " << ctx.ruletype
-      << " serial " << ctx.serial << " arch " << ctx.arch << " syscall " << ctx.syscall
-      << " success " << ctx.success << " exit " << ctx.exit << " args";
-  for (const auto number : ctx.args) out << " " << number;
-  out << " ppid " << ctx.ppid << " pid " << ctx.pid << " uid " << ctx.uid << " gid " << ctx.gid
-      << "\npath" << show(ctx.path_text) << " key" << show(ctx.key_text) << " comm"
-      << show(ctx.comm_text) << "\nargc " << ctx.argc << " arg_index " << ctx.arg_index
-      << " arg_left " << ctx.arg_left << " arg_offset " << ctx.arg_offset << " arg_parts "
-      << ctx.arg_parts;
-  for (const auto& argument : ctx.arguments) out << show(argument);
-  out << "\nsockaddr";
-  for (const int byte : ctx.sockaddr) out << " " << byte;
-  out << "\n";
-  return out.str();
-}
-
-std::string describe(const std::vector<LogLine>& lines) {
-  std::string text;
-  for (const LogLine& line : lines)
-    text += std::to_string(line.level) + " " + line.source + ": " + line.message;
-  return text;
-}
-
-int feed_library(int type, std::string_view payload) {
-  std::vector<char> block(payload.begin(), payload.end());
-  audit_reply reply = {};
-  reply.type = type;
-  reply.len = static_cast<int>(block.size());
-  char nothing = '\0';
-  reply.message = block.empty() ? &nothing : block.data();
-  return handle_audit_msg(&reply);
+std::string ReferenceIntake::describe_texts(Context ctx) {
+  const auto pointer = [](auto& text) { return text ? text->data() : nullptr; };
+  ctx.path = pointer(ctx.path_text);
+  ctx.key = pointer(ctx.key_text);
+  ctx.comm = pointer(ctx.comm_text);
+  std::vector<char*> slots;
+  for (auto& argument : ctx.arguments) slots.push_back(pointer(argument));
+  ctx.argv = slots.data();
+  return describe(ctx);
 }
 
 int ReferenceIntake::handle(int type, std::string_view record, std::int64_t now_s) {
-  if (type == AUDIT_LOGIN) return report(QEL_LOG_ERROR, "parse_login failed\n");
+  if (type == AUDIT_LOGIN) return fail("parse_login failed");
   const std::string copy(record);
   const char* text = copy.c_str();
   if (type == AUDIT_SYSCALL) return open_context(text, now_s);
@@ -191,36 +168,39 @@ int ReferenceIntake::handle(int type, std::string_view record, std::int64_t now_
   if (type == AUDIT_PATH) return add_path(*ctx, text);
   if (type == AUDIT_SOCKADDR) return add_address(*ctx, text);
   if (type == AUDIT_EXECVE) return add_arguments(*ctx, text);
-  finished.push_back(*ctx);
+  heard += describe_texts(*ctx);
   contexts_.erase(ctx->serial);
   return 0;
 }
 
 void ReferenceIntake::scan(std::int64_t now_s) {
-  for (auto at = contexts_.begin(); at != contexts_.end();) {
-    if (at->second.deadline >= now_s) {
-      ++at;
-      continue;
-    }
-    at = contexts_.erase(at);
-    report(QEL_LOG_DEBUG, "audit ctx timeout: " + std::to_string(contexts_.size()) + "\n");
+  const auto is_due = [now_s](const auto& entry) { return entry.second.deadline < now_s; };
+  for (;;) {
+    const auto due = std::find_if(contexts_.begin(), contexts_.end(), is_due);
+    if (due == contexts_.end()) return;
+    contexts_.erase(due);
+    report(QEL_LOG_DEBUG, "audit ctx timeout: " + std::to_string(contexts_.size()));
   }
 }
 
 int ReferenceIntake::report(int level, const std::string& message) {
-  log.push_back({level, "audit_msg", message});
+  heard += std::to_string(level) + " audit_msg: " + message + "\n";
   return -1;
 }
 
-Context* ReferenceIntake::find_context(const char* text) {
+int ReferenceIntake::fail(const std::string& what) {
+  return report(QEL_LOG_ERROR, what);
+}
+
+ReferenceIntake::Context* ReferenceIntake::find_context(const char* text) {
   std::uint32_t serial = 0;
-  if (!parse_serial(text, serial)) {
-    report(QEL_LOG_ERROR, "parse_serial failed\n");
+  if (!read_serial(text, serial)) {
+    fail("parse_serial failed");
     return nullptr;
   }
   const auto found = contexts_.find(serial);
   if (found != contexts_.end()) return &found->second;
-  report(QEL_LOG_DEBUG, "search audit context failed\n");
+  report(QEL_LOG_DEBUG, "search audit context failed");
   return nullptr;
 }
 
@@ -228,12 +208,10 @@ int ReferenceIntake::open_context(const char* text, std::int64_t now_s) {
   Context record = {};
   record.msgtype = AUDIT_SYSCALL;
   record.deadline = now_s + 10;
-  if (!parse_serial(text, record.serial)) return -1;
-  if (!read_syscall(text, record)) return report(QEL_LOG_ERROR, "parse_syscall failed\n");
-  const auto* const name =
-      std::find(std::begin(kRuleNames), std::end(kRuleNames), *record.key_text);
-  if (name == std::end(kRuleNames))
-    return report(QEL_LOG_ERROR, "get_audit_type failed: " + *record.key_text + "\n");
+  if (!read_serial(text, record.serial)) return -1;
+  if (!read_syscall(text, record)) return fail("parse_syscall failed");
+  const auto* name = std::find(std::begin(kRuleNames), std::end(kRuleNames), *record.key_text);
+  if (name == std::end(kRuleNames)) return fail("get_audit_type failed: " + *record.key_text);
   record.ruletype = static_cast<std::int32_t>(name - kRuleNames);
   contexts_[record.serial] = record;
   return 0;
@@ -242,14 +220,14 @@ int ReferenceIntake::open_context(const char* text, std::int64_t now_s) {
 int ReferenceIntake::add_path(Context& ctx, const char* text) {
   if (ctx.ruletype != kExecveRuleType || ctx.argc != 0 || ctx.path_text) return -1;
   const auto name = Fields{text}.next("name=");
-  if (!name) return report(QEL_LOG_ERROR, "parse_path failed\n");
+  if (!name) return fail("parse_path failed");
   ctx.path_text = decode(*name);
   return 0;
 }
 
 int ReferenceIntake::add_address(Context& ctx, const char* text) {
   const auto address = Fields{text}.next("saddr=");
-  if (!address) return report(QEL_LOG_ERROR, "parse_sockaddr failed\n");
+  if (!address) return fail("parse_sockaddr failed");
   const std::size_t length = decode_hex(address->c_str(), ctx.sockaddr, sizeof(ctx.sockaddr));
   std::uint16_t family = 0;
   std::memcpy(&family, ctx.sockaddr, sizeof(family));
@@ -257,35 +235,28 @@ int ReferenceIntake::add_address(Context& ctx, const char* text) {
                                                    {10, 28}, {16, 12}, {17, 20}};
   const auto known = lengths.find(family);
   if (known != lengths.end() ? length == known->second : length > 3) return 0;
-  report(QEL_LOG_ERROR, "check_sockaddr failed\n");
+  fail("check_sockaddr failed");
   std::memset(ctx.sockaddr, 0, sizeof(ctx.sockaddr));
-  return report(QEL_LOG_ERROR, "parse_sockaddr failed\n");
+  return fail("parse_sockaddr failed");
 }
 
 int ReferenceIntake::add_arguments(Context& ctx, const char* text) {
   Fields fields{text};
   if (ctx.argc == 0) {
-    if (!fields.number("argc=", 10, ctx.argc) || ctx.argc <= 0)
-      return report(QEL_LOG_ERROR, "parse_execve failed\n");
+    if (!fields.number("argc=", 10, ctx.argc) || ctx.argc <= 0) return fail("parse_execve failed");
     ctx.argc = std::min(ctx.argc, 40000);
     ctx.arguments.resize(static_cast<std::size_t>(ctx.argc));
   }
   while (ctx.arg_index < ctx.argc && *fields.at != '\0') {
     std::optional<std::string>& slot = ctx.arguments[static_cast<std::size_t>(ctx.arg_index)];
     const std::string name = "a" + std::to_string(ctx.arg_index);
-    int number = 0;
     char mark[2];
-    if (std::sscanf(fields.at, "a%d%1[_=[]", &number, mark) != 2) {
+    if (std::sscanf(fields.at, "a%*d%1[_=[]", mark) != 1) {
       fields.skip_word();
     } else if (mark[0] == '[') {
-      const auto piece = ctx.arg_left > 0
-                             ? fields.next(name + "[" + std::to_string(ctx.arg_parts) + "]=")
-                             : std::nullopt;
-      if (piece) {
-        add_piece(ctx, *piece);
-      } else {
-        fields.skip_word();
-      }
+      std::optional<std::string> piece;
+      if (ctx.arg_left > 0) piece = fields.next(name + "[" + std::to_string(ctx.arg_parts) + "]=");
+      piece ? add_piece(ctx, *piece) : fields.skip_word();
     } else if (ctx.arg_left > 0) {  // another argument: the split one stays as it was written
       slot = slot.value_or("");
       ctx.arg_left = 0;
@@ -294,9 +265,8 @@ int ReferenceIntake::add_arguments(Context& ctx, const char* text) {
       slot = decode(fields.next(name + "=").value_or(""));
       ++ctx.arg_index;
     } else if (fields.number(name + "_len=", 10, ctx.arg_left)) {
-      ctx.arg_parts = 0;
-      ctx.arg_offset = 0;
-      if (ctx.arg_left <= 0) return report(QEL_LOG_ERROR, "parse_execve failed\n");
+      ctx.arg_parts = ctx.arg_offset = 0;
+      if (ctx.arg_left <= 0) return fail("parse_execve failed");
       ctx.arg_left = std::min(ctx.arg_left, 32768);
     } else {
       slot = "";
