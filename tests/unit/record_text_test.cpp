@@ -12,26 +12,19 @@
 #include <utility>
 #include <vector>
 
+#include "guarded_text.h"
+
 namespace {
 
 using namespace std::string_literals;
 
-// A text in a block of its own size, so that the address sanitizer sees every read beyond.
-class Block {
- public:
-  explicit Block(std::string_view text) : bytes_(text.begin(), text.end()) {}
-  std::string_view view() const { return {bytes_.data(), bytes_.size()}; }
-  qel::FieldWalk walk() const { return qel::FieldWalk(view()); }
-
- private:
-  const std::vector<char> bytes_;
-};
+using test::guarded;
 
 std::vector<std::string> split(const std::string& text) {
-  std::vector<std::string> parts;
-  for (std::size_t from = 0, bar = 0; bar != text.npos; from = bar + 1) {
-    bar = text.find('|', from);
-    parts.push_back(text.substr(from, bar - from));
+  std::vector<std::string> parts(1);
+  for (const char c : text) {
+    if (c != '|') parts.back() += c;
+    if (c == '|') parts.emplace_back();
   }
   return parts;
 }
@@ -47,14 +40,14 @@ TEST(Numbers, AreReadAsStrtoullReadsThem) {
     for (const std::string& behind : {""s, " "s, " n=1"s, " subj=unconfined key=n"s}) {
       SCOPED_TRACE(testing::PrintToString(number + behind));
       const auto expected = [&](int base) { return std::strtoull(number.c_str(), nullptr, base); };
-      EXPECT_EQ(qel::to_number(Block(number).view(), 0), expected(0));
-      const Block block("n=" + number + behind);
+      EXPECT_EQ(qel::to_number(guarded(number), 0), expected(0));
+      const std::string_view text = guarded("n=" + number + behind);
       std::uint64_t hex = 77;
       std::uint32_t decimal = 77;
       std::int32_t any = 77;
-      EXPECT_TRUE(block.walk().hex("n=", hex));
-      EXPECT_TRUE(block.walk().decimal("n=", decimal));
-      EXPECT_TRUE(block.walk().any_base("n=", any));
+      EXPECT_TRUE(qel::FieldWalk(text).hex("n=", hex) &&
+                  qel::FieldWalk(text).decimal("n=", decimal) &&
+                  qel::FieldWalk(text).any_base("n=", any));
       EXPECT_EQ(hex, expected(16));
       EXPECT_EQ(decimal, static_cast<std::uint32_t>(expected(10)));
       EXPECT_EQ(any, static_cast<std::int32_t>(expected(0)));
@@ -75,11 +68,10 @@ TEST(Serial, IsReadAsScanfReadsIt) {
       for (const std::string& behind : {"): arch="s, ")"s, ") "s, ")5: "s, ""s}) {
         const std::string text = before + stamp + behind;
         SCOPED_TRACE(testing::PrintToString(text));
-        const Block block(text);
         std::uint32_t serial = 77;
         std::string_view header;
         const bool good = readable && before.ends_with("audit(");
-        ASSERT_EQ(qel::parse_serial(block.view(), serial, header), good);
+        ASSERT_EQ(qel::parse_serial(guarded(text), serial, header), good);
         if (!good) continue;
         EXPECT_EQ(serial, expected);
         // Whoever begins with the same header has the same serial, and no field in it.
@@ -101,14 +93,14 @@ TEST(Values, AreDecodedIntoAnyRoom) {
       {"6100", "a"},      {"?", ""},          {"C3A9", "\xc3\xa9"}};
   for (const auto& [value, text] : rows) {
     SCOPED_TRACE(value);
-    const Block block(value);
-    const std::unique_ptr<char, decltype(&std::free)> copy(qel::decode_field_value(block.view()),
+    const std::unique_ptr<char, decltype(&std::free)> copy(qel::decode_field_value(guarded(value)),
                                                            std::free);
     EXPECT_EQ(copy.get(), text);
     for (std::size_t room = 1; room <= text.size() + 2; ++room) {
-      const std::unique_ptr<char[]> buffer(new char[room]);
-      qel::decode_field_value(block.view(), buffer.get(), room);
-      EXPECT_EQ(buffer.get(), text.substr(0, room - 1)) << room;
+      std::string buffer(text.size() + 3, '~');
+      qel::decode_field_value(guarded(value), buffer.data(), room);
+      EXPECT_EQ(buffer.c_str(), text.substr(0, room - 1)) << room;
+      EXPECT_EQ(buffer.substr(room), std::string(buffer.size() - room, '~')) << room;
     }
   }
 }
@@ -123,7 +115,7 @@ TEST(Values, EndAtTheFirstCharacterThatIsNoDigit) {
       for (std::size_t i = 0; i + 2 <= place; i += 2)
         expected += static_cast<char>(std::stoi(digits.substr(i, 2), nullptr, 16));
       std::string bytes(digits.size() / 2, '\xEE');
-      bytes.resize(qel::decode_hex(Block(text).view(), bytes.data(), bytes.size()));
+      bytes.resize(qel::decode_hex(guarded(text), bytes.data(), bytes.size()));
       EXPECT_EQ(bytes, expected) << static_cast<int>(other) << " at " << place;
     }
   }
@@ -145,9 +137,8 @@ TEST(Fields, KeyInTheProgramsPathDoesNotCount) {
       {"ey=a", "none"},
       {" exe=\"key=a\tkey=b\" key=c", "c"}};
   for (const auto& [text, expected] : rows) {
-    const Block block(text);
     std::string_view value = "none";
-    block.walk().key(value);
+    qel::FieldWalk(guarded(text)).key(value);
     EXPECT_EQ(value, expected) << text;
   }
 }
