@@ -174,7 +174,7 @@ std::string odd_words(Random& random) {
   std::string words;
   for (std::size_t count = random.below(25); count > 0; --count) {
     words += random.one_of(kFronts);
-    words += "a" + std::to_string(random.below(9));
+    words += "a" + std::to_string(random.below(random.one_in(8) ? 14 : 7));
     words += random.one_of(kMarks);
     words += random.digits(random.below(4));
   }
@@ -193,7 +193,7 @@ std::vector<Record> make_group(Random& random, std::size_t serial) {
            comm + "\" exe=\"/bin/ls\" subj=unconfined key=" + random.one_of(kKeys)}};
   if (random.one_in(3)) group.push_back({AUDIT_PATH, front + "item=0 name=\"/early\""});
   if (!random.one_in(4)) {
-    const std::size_t count = random.below(7);
+    const std::size_t count = random.below(random.one_in(8) ? 14 : 7);
     group.push_back({AUDIT_EXECVE, front + "argc=" + std::to_string(count)});
     const bool odd = random.one_in(3);
     for (std::size_t i = 0; i < count; ++i) {
