@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <regex>
 #include <string>
@@ -53,11 +54,11 @@ TEST(ErrorOutput, PrintsTimeLevelSourceLineAndMessage) {
               error_output(QEL_LOG_FATAL, "audit_msg", 7, "Out of memory\n");
               error_output(QEL_LOG_ERROR, "audit_rule", 123, "%s failed: %d", "open", -2);
               error_output(QEL_LOG_NOTICE, "wtmp", 1, "user %ls\n", kUnencodable);
-              error_output(-3, "wtmp", 1, "odd\n");
+              error_output(INT_MIN, "wtmp", 1, "odd\n");
             }),
             (Texts{"TIME fatal audit_msg:7: Out of memory\n",
                    "TIME error audit_rule:123: open failed: -2\n", "TIME notice wtmp:1: user %ls\n",
-                   "TIME -3 wtmp:1: odd\n"}));
+                   "TIME -2147483648 wtmp:1: odd\n"}));
 }
 
 TEST(ErrorOutput, EveryMessageIsOneWholeLine) {
