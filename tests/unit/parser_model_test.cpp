@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <iterator>
 #include <random>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -119,12 +120,10 @@ struct Random {
   std::mt19937_64 engine;
 };
 
-std::vector<std::string> split(std::string_view text) {
-  std::vector<std::string> parts(1);
-  for (const char c : text) {
-    if (c != '|') parts.back() += c;
-    if (c == '|') parts.emplace_back();
-  }
+std::vector<std::string> split(const std::string& text) {
+  std::istringstream in(text);
+  std::vector<std::string> parts;
+  for (std::string part; std::getline(in, part, '|');) parts.push_back(part);
   return parts;
 }
 
@@ -255,16 +254,14 @@ std::vector<Record> make_records(Random& random) {
   return records;
 }
 
-std::uint64_t from_environment(const char* name, std::uint64_t otherwise) {
-  const char* value = std::getenv(name);
-  return value != nullptr ? std::strtoull(value, nullptr, 10) : otherwise;
-}
-
 TEST_F(ParserModel, ReadsDamagedRecordsAsTheReferenceDoes) {
-  const std::uint64_t rounds = from_environment("QEL_MODEL_ROUNDS", 10000);
-  const std::uint64_t first_seed = from_environment("QEL_MODEL_SEED", std::random_device()());
-  std::printf("QEL_MODEL_SEED=%ju QEL_MODEL_ROUNDS=%ju\n", first_seed, rounds);
-  for (std::uint64_t seed = first_seed; seed < first_seed + rounds; ++seed) {
+  const char* given_rounds = std::getenv("QEL_MODEL_ROUNDS");
+  const char* given_seed = std::getenv("QEL_MODEL_SEED");
+  const unsigned long rounds = std::stoul(given_rounds != nullptr ? given_rounds : "10000");
+  const unsigned long first_seed =
+      given_seed != nullptr ? std::stoul(given_seed) : std::random_device()();
+  std::printf("QEL_MODEL_SEED=%lu QEL_MODEL_ROUNDS=%lu\n", first_seed, rounds);
+  for (unsigned long seed = first_seed; seed < first_seed + rounds; ++seed) {
     Random random{std::mt19937_64(seed)};
     for (const Record& record : make_records(random)) {
       feed(record.type, record.text);
