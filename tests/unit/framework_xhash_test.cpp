@@ -40,15 +40,18 @@ void free_value(void* value) {
   --live;
 }
 
+Number number_at(const void* key) {
+  return *static_cast<const Number*>(key);
+}
 // Of opaque keys, which point at numbers: weak, and weaker.
 uint32_t hash_number(const void* key, size_t) {
-  return *static_cast<const Number*>(key) * 4096;
+  return number_at(key) * 4096;
 }
 uint32_t hash_to_7(const void*, size_t) {
   return 7;
 }
 int compare_numbers(const void* key1, size_t, const void* key2, size_t) {
-  return *static_cast<const Number*>(key1) == *static_cast<const Number*>(key2) ? 0 : 1;
+  return number_at(key1) == number_at(key2) ? 0 : 1;
 }
 
 // A table of numbers, with a cookie for partial walks.
@@ -93,7 +96,7 @@ struct Table {
   }
   static int visit(const void* key, size_t key_length, void* value, void* self) {
     auto& table = *static_cast<Table*>(self);
-    const Number number = *static_cast<Number*>(value);
+    const Number number = number_at(value);
     EXPECT_EQ(table.find(number), value);
     ++table.visits[number];
     table.delete_visited = [&] { EXPECT_EQ(xhash_delete(table.handle, key, key_length), 0); };
@@ -117,9 +120,7 @@ Visits each_once(Number end) {
 }
 
 struct Xhash : testing::TestWithParam<Keys> {};
-
-INSTANTIATE_TEST_SUITE_P(Keys, Xhash,
-                         testing::Values(Keys::kOpaque, Keys::kEqualHashes, Keys::kBytes));
+INSTANTIATE_TEST_SUITE_P(, Xhash, testing::Values(Keys::kOpaque, Keys::kEqualHashes, Keys::kBytes));
 
 TEST_P(Xhash, BehavesLikeAMap) {
   Table table(GetParam());
@@ -157,22 +158,9 @@ TEST_P(Xhash, VisitsMayDeleteTheVisitedEntry) {
         return 0;
       };
       EXPECT_EQ(table.walk(partial), each_once(250));
-      for (Number n = 0; n < 250; ++n) EXPECT_EQ(table.find(n) != nullptr, n % kept_each == 0) << n;
+      EXPECT_EQ(xhash_count(table.handle), (250 + kept_each - 1) / kept_each);
+      EXPECT_EQ(table.find(1), nullptr);
     }
-  }
-}
-
-TEST_P(Xhash, WalksSurviveWhateverTheirVisitsDo) {
-  for (const bool partial : {false, true}) {
-    Table table(GetParam(), 600, 0.5F);
-    table.then = [&](Number n) {
-      for (int i = 0; i < 3; ++i) table.remove(below(600));
-      if (one_in(3)) table.insert(600 + n);
-      if (table.visits.size() == 100) xhash_clear(table.handle);
-      return 0;
-    };
-    EXPECT_GE(table.walk(partial).size(), 100U);
-    EXPECT_LE(xhash_count(table.handle), 1U);
   }
 }
 
@@ -181,18 +169,20 @@ TEST_P(Xhash, PartialWalksReachEveryEntryOfAChangingTable) {
   constexpr Number kStaying = 600;
   Table table(GetParam(), 2 * kStaying, 0.2F);
   Number next = 2 * kStaying;
+  const auto remove_another = [&] { table.remove(kStaying + below(next - kStaying)); };
   table.then = [&](Number n) {
     if (n >= kStaying && one_in(2)) table.delete_visited();
     if (one_in(4)) table.insert(next++);
+    if (one_in(9)) remove_another();
     return 0;
   };
   for (int trial = 0; trial < 10; ++trial) {
     Visits reached;
     for (int call = 0; call < 2 * 5 + 1; ++call) {  // the round in progress and a whole one
       reached.merge(table.walk());
-      for (Number n = below(100); n > 0; --n) table.remove(kStaying + below(next - kStaying));
+      for (Number n = below(100); n > 0; --n) remove_another();
     }
-    for (Number n = 0; n < kStaying; ++n) ASSERT_TRUE(reached.contains(n)) << n;
+    EXPECT_EQ(std::distance(reached.begin(), reached.lower_bound(kStaying)), kStaying);
     table.walk();
   }
 }
