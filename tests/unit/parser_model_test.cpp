@@ -87,7 +87,7 @@ class ParserModel : public testing::Test {
 TEST_F(ParserModel, ReadsEveryRecordingAsTheReferenceDoes) {
   constexpr std::size_t kRecordsPerSecond = 500;
   std::size_t records = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(QEL_RECORDINGS_DIR "")) {
+  for (const auto& entry : std::filesystem::directory_iterator(QEL_RECORDINGS_DIR)) {
     const std::string path = entry.path();
     if (path.find(".rec") == path.npos) continue;
     const std::size_t contexts_before = heard.contexts;
@@ -203,7 +203,8 @@ std::vector<Record> make_group(Random& random, std::size_t serial) {
     }
   }
   if (random.one_in(3)) {
-    std::string address = random.one_of(kFamilies) + random.digits(300);
+    std::string address = random.one_of(kFamilies);
+    address += random.digits(300);
     address.resize(random.one_of(kAddressDigits));
     group.push_back({AUDIT_SOCKADDR, front + "saddr=" + address});
   }
@@ -246,7 +247,7 @@ std::vector<Record> make_records(Random& random) {
     records.push_back(std::move(*next));
     group.erase(next);
     std::erase_if(groups, [](const auto& g) { return g.empty(); });
-    for (std::size_t n = random.below(2) * (1 + random.below(3)); n > 0; --n)
+    for (std::size_t n = random.one_in(2) ? 0 : 1 + random.below(3); n > 0; --n)
       damage(random, records.back().text);
     if (random.one_in(40)) records.back().type = random.one_of(kTypes);
   }
