@@ -78,21 +78,19 @@ struct Costs : testing::Test {
   // text for every argument, and an array when its list is the longest so far.
   void expect_one_call_per_text(const bench::Stream& stream) {
     constexpr std::uint64_t kTexts = 2;
-    std::uint64_t longest = 0, arguments = 0;
+    std::uint64_t longest = 0;
     Records group;
     for (const bench::Record& record : stream.records) {
       group.push_back(record);
-      const std::size_t argc = record.text.find("): argc=");
-      if (argc != record.text.npos) arguments = std::stoul(record.text.substr(argc + 8));
       if (record.type != AUDIT_EOE) continue;
-      const std::uint64_t events = bench::delivered_events();
+      const std::uint64_t events = bench::delivered_events(), old = bench::delivered_arguments();
       const std::uint64_t calls = cost_of(group).heap;
+      const std::uint64_t arguments = bench::delivered_arguments() - old;
       EXPECT_GT(calls, 0U) << "not counted";
       EXPECT_LE(calls, kTexts + arguments + (arguments > longest))
           << testing::PrintToString(group[1].text);
       EXPECT_EQ(bench::delivered_events(), events + 1);
       longest = std::max(longest, arguments);
-      arguments = 0;
       group.clear();
     }
   }
