@@ -145,8 +145,7 @@ const auto kStamps = split(
 const auto kFragments = split(
     "key=|exe=| exe=\"/key=bind_rule/x\"|exe=key=|\"key=(null)\"|a0=|a1=\"x\"| a1=79|a2_len=4|"
     " a0_len=3 a0[0]=\"abc\"|a0[0]=|a1[1]=\"|a1[0]=6162|a01=|a 1=|a-1_|a1234567890=|a0001[|argc=3|"
-    " pid=|comm=|success=yes|exit=-13|saddr=02|name=|audit(1.1:3)|audit(|)|=|_len=|  |\n|\"\"|"
-    "a123456789");
+    " pid=|comm=|success=yes|exit=-13|saddr=02|name=|audit(1.1:3)|audit(|)|=|_len=|  |\n|\"\"");
 const auto kFronts = split(" | | | x| b=| a1=|| \"| a");
 const auto kMarks = split("=|=\"|_len=|_le|[0]=|[1]=\"|[2]=|[|_");
 const auto kFamilies = split("0100|0200|0500|0900|0A00|1000|1100|2800|0000");
@@ -176,7 +175,8 @@ std::string argument(Random& random, std::size_t index) {
   return name + "_len=" + std::to_string(length) + words;
 }
 
-// Words that look like those of arguments, in any order, some inside of others.
+// Words that look like those of arguments, in any order, some inside of others, and perhaps a number
+// that is as long as any is read.
 std::string odd_words(Random& random) {
   std::string words;
   for (std::size_t count = random.below(25); count > 0; --count) {
@@ -185,7 +185,7 @@ std::string odd_words(Random& random) {
     words += random.one_of(kMarks);
     words += random.digits(random.below(4));
   }
-  return words;
+  return words + (random.one_in(4) ? " a123456789" : "");
 }
 
 std::vector<Record> make_group(Random& random, std::size_t serial) {
