@@ -31,6 +31,7 @@ namespace {
 
 struct {
   std::uint64_t allocations;
+  std::uint64_t stats;
   bool stat_skipped;
   struct stat answer;  // of a skipped stat
   qel_poller_fn poller;
@@ -43,6 +44,10 @@ namespace bench {
 
 std::uint64_t allocations() {
   return state.allocations;
+}
+
+std::uint64_t stats() {
+  return state.stats;
 }
 
 void skip_stat(const char* path) {
@@ -68,6 +73,7 @@ int qel_mainloop_reg_poller(qel_poller_fn poller, void* argument) {
 
 // The real one costs as much as libc's: both are this one call.
 int stat(const char* path, struct stat* status) noexcept {
+  ++state.stats;
   if (state.stat_skipped) {
     *status = state.answer;
     return 0;

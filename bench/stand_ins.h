@@ -10,6 +10,9 @@ namespace bench {
 // Calls that asked the heap for memory, by anything in the process, since its start.
 std::uint64_t allocations();
 
+// Calls of stat(2), likewise.
+std::uint64_t stats();
+
 // From now on stat answers at once for every file as for `path`; as ever again with a null pointer.
 void skip_stat(const char* path);
 

@@ -1,19 +1,20 @@
 // Fuzz target: series of audit replies through the whole library, from record intake to client
 // callbacks of every class, on the offline kernel and made-up databases.
 //
-// An input is a series of records: one byte that selects the type, one that selects how the reply
-// lies, the payload's length in two bytes, low byte first, and the payload. make_seeds.py writes
-// the same. libFuzzer adds what it finds to the first directory it is given, so name the seeds
-// second: handle_audit_msg_fuzzer CORPUS fuzz/seeds
+// An input is a recording: a record a line, its netlink type, a tab and its text. A mark in front of
+// the type has the reply lie. libFuzzer adds what it finds to the first directory it is given, so
+// name the seeds behind it: handle_audit_msg_fuzzer CORPUS fuzz/seeds recordings
 #include <audit_msg.h>
 #include <libaudit.h>
 #include <qel_audit.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
-#include <iterator>
-#include <span>
+#include <sstream>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "captured_log.h"
@@ -23,11 +24,7 @@
 
 namespace {
 
-constexpr int kTypes[] = {AUDIT_SYSCALL, AUDIT_EXECVE, AUDIT_PATH,  AUDIT_SOCKADDR,
-                          AUDIT_EOE,     AUDIT_GET,    AUDIT_LOGIN, AUDIT_CWD};
-constexpr std::size_t kHeadSize = 4;
-
-enum Lie : std::uint8_t { kNoPayload = 0xf0, kNegativeLength, kLengthBeyondStorage };
+enum Lie : char { kNoPayload = '!', kNegativeLength = '-', kLengthBeyondStorage = '+' };
 
 std::size_t events;
 volatile std::size_t touched;  // keeps what is read from being optimised away
@@ -78,7 +75,7 @@ bool start_library() {
 
 // The payload stands in a block of its own size, so that the address sanitizer sees every access
 // beyond the storage. A status reply is never shorter than its structure.
-void send(int type, std::uint8_t lie, std::span<const std::uint8_t> payload) {
+void send(int type, char lie, std::string_view payload) {
   std::vector<char> block(payload.begin(), payload.end());
   if (type == AUDIT_GET) block.resize(std::max(block.size(), sizeof(audit_status)));
   audit_reply reply = {};
@@ -100,15 +97,13 @@ std::size_t events_seen() {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   [[maybe_unused]] static const bool started = start_library();
-  for (std::span<const std::uint8_t> rest(data, size); rest.size() >= kHeadSize;) {
-    const int type = kTypes[rest[0] % std::size(kTypes)];
-    const std::uint8_t lie = rest[1];
-    const std::size_t length = rest[2] + 256U * rest[3];
-    rest = rest.subspan(kHeadSize);
-    const auto payload =
-        rest.first(std::min({length, rest.size(), std::size_t{MAX_AUDIT_MESSAGE_LENGTH}}));
-    send(type, lie, payload);
-    rest = rest.subspan(payload.size());
+  std::istringstream lines(std::string(reinterpret_cast<const char*>(data), size));
+  for (std::string line; std::getline(lines, line);) {
+    const std::size_t tab = line.find('\t');
+    if (tab == line.npos) continue;
+    const std::size_t digit = line.find_first_of("0123456789");
+    send(std::atoi(line.c_str() + std::min(digit, tab)), line.front(),
+         line.substr(tab + 1, MAX_AUDIT_MESSAGE_LENGTH));
   }
   // Nothing is left for the next input.
   audit_msg_fini();
