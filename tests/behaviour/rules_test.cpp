@@ -223,7 +223,7 @@ TEST_F(Rules, RepliesToOtherRequestsAndRulesWhoseLengthLiesAreDroppedAndAnErrorE
     offline::feed(NLMSG_DONE, {}, 4000);
     if (result != 0) feed_reply(AUDIT_LIST_RULES, rule, next);
     feed_reply(NLMSG_ERROR, nlmsgerr{result, {}}, next);
-    rule.buflen = 0x7fffffff;
+    rule.buflen = MAX_AUDIT_MESSAGE_LENGTH - sizeof(rule) + 1;
     feed_reply(AUDIT_LIST_RULES, rule, next);
     stop();
     EXPECT_FALSE(offline::is_open());
