@@ -235,14 +235,20 @@ TEST_F(Rules, RepliesToOtherRequestsAndRulesWhoseLengthLiesAreDroppedAndAnErrorE
 // ---- Overruns: the kernel has carried out, or refused, a request whose answer was dropped -------
 
 TEST_F(Rules, AnOverrunFailsNothingAndHasThePurgeRepeatedTenTimesAtMost) {
-  for (const Call call :
-       {Call::kSetPid, Call::kSetEnabled, Call::kSetRateLimit, Call::kSetBacklogLimit,
-        Call::kGetReply, Call::kDeleteRule, Call::kRequestRules}) {
+  for (const auto& [call, lists] : {std::pair{Call::kSetPid, 1U},
+                                    {Call::kSetEnabled, 1U},
+                                    {Call::kSetRateLimit, 1U},
+                                    {Call::kSetBacklogLimit, 1U},
+                                    {Call::kGetReply, 2U},
+                                    {Call::kDeleteRule, 2U},
+                                    {Call::kRequestRules, 3U}}) {
+    reset_kernel();
     preload_two_rules();
     offline::fail(call, -ENOBUFS);
     listen(qel_audit_init);
     EXPECT_EQ(heard(), kOne + kTwo);
     EXPECT_TRUE(offline::rules().empty());
+    EXPECT_EQ(offline::calls(Call::kRequestRules), lists);
     stop();
   }
   preload_two_rules();
