@@ -278,11 +278,15 @@ TEST_F(Rules, ARequestIsMadeAgainWhenAnOverrunHidTheAnswer) {
   offline::fail(Call::kAddRule, -ENOBUFS);
   EXPECT_EQ(audit_add_bind_rule(), 1);
   EXPECT_EQ(rules(), "bind_rule") << "the kernel had loaded it: not twice";
-  audit_del_bind_rule();
-  offline::fail(Call::kAddRule, -ENOBUFS);
   offline::set_locked(true);
+  offline::fail(Call::kDeleteRule, -ENOBUFS);
+  audit_del_bind_rule();
+  offline::set_locked(false);
+  audit_del_bind_rule();
+  offline::set_locked(true);
+  offline::fail(Call::kAddRule, -ENOBUFS);
   EXPECT_EQ(audit_add_bind_rule(), -1);
-  EXPECT_EQ(heard(), error("audit_add_rule_data failed"));
+  EXPECT_EQ(heard(), error("audit_del_rule_data failed") + error("audit_add_rule_data failed"));
 }
 
 TEST_F(Rules, ARequestWhoseOutcomeNobodyKnowsCountsAsDone) {
