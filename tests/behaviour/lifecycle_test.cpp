@@ -58,7 +58,7 @@ TEST_F(Lifecycle, AStartThatFailsUndoesWhatItDidAndTheNextOneWorks) {
   expect_stopped();
   stop();
 
-  test::fail_utmpname(true);
+  offline::fail_utmpname(true);
   EXPECT_EQ(start(), -1);
   EXPECT_EQ(heard(), "error wtmp: utmpname /var/log/wtmp failed\nerror wtmp: parse_wtmp failed\n");
   expect_stopped();
@@ -66,7 +66,7 @@ TEST_F(Lifecycle, AStartThatFailsUndoesWhatItDidAndTheNextOneWorks) {
   offline::fail(Call::kOpen, -1);
   EXPECT_EQ(start(), -1);
   EXPECT_EQ(heard(), "error audit_rule: audit_open failed: Operation not permitted\n");
-  test::fail_utmpname(false);
+  offline::fail_utmpname(false);
 
   refuse_poller(true);
   EXPECT_EQ(on_execve("A"), -1);

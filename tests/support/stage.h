@@ -35,6 +35,7 @@
 
 namespace test {
 
+using namespace offline;
 using namespace std::chrono_literals;
 
 // ---- Records -----------------------------------------------------------------------------------

@@ -1,6 +1,7 @@
-// Account and login databases of a test's own: takes the place of the passwd, shadow and group
-// enumerations, of utmpname and of stat in a test program, so that the machine's databases are
-// never read.
+// Account and login databases in memory and in files of a program's own.
+//
+// Linked into an executable, this library defines the passwd, shadow and group enumerations, utmpname
+// and stat, so that the machine's databases are never read.
 #pragma once
 
 #include <sys/types.h>
@@ -13,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace test {
+namespace offline {
 
 struct Account {
   std::string name;
@@ -70,4 +71,4 @@ struct utmp utmp_record(short type, pid_t pid, const std::string& line, const st
 void write_wtmp(const std::string& path, const std::vector<struct utmp>& records,
                 std::ios::openmode mode = std::ios::trunc);
 
-}  // namespace test
+}  // namespace offline

@@ -12,7 +12,7 @@
 #include <map>
 #include <stdexcept>
 
-namespace test {
+namespace offline {
 
 Databases databases;
 Walks walks;
@@ -93,25 +93,25 @@ void write_wtmp(const std::string& path, const std::vector<struct utmp>& records
   if (!file.flush()) throw std::runtime_error("cannot write " + path);
 }
 
-}  // namespace test
+}  // namespace offline
 
-using test::databases;
-using test::walks;
+using offline::databases;
+using offline::walks;
 
 // The functions that start, go on with and end a walk through one database.
-#define QEL_TAKE_OVER(suffix, entry, rows, walk) \
-  void set##suffix() {                           \
-    walk = {walk.started + 1, walk.ended, 0};    \
-  }                                              \
-  void end##suffix() {                           \
-    ++walk.ended;                                \
-  }                                              \
-  struct entry* get##suffix() {                  \
-    static struct entry next;                    \
-    auto* const row = test::next_of(rows, walk); \
-    if (row == nullptr) return nullptr;          \
-    next = test::entry_of(*row);                 \
-    return &next;                                \
+#define QEL_TAKE_OVER(suffix, entry, rows, walk)    \
+  void set##suffix() {                              \
+    walk = {walk.started + 1, walk.ended, 0};       \
+  }                                                 \
+  void end##suffix() {                              \
+    ++walk.ended;                                   \
+  }                                                 \
+  struct entry* get##suffix() {                     \
+    static struct entry next;                       \
+    auto* const row = offline::next_of(rows, walk); \
+    if (row == nullptr) return nullptr;             \
+    next = offline::entry_of(*row);                 \
+    return &next;                                   \
   }
 
 extern "C" {
@@ -121,13 +121,13 @@ QEL_TAKE_OVER(spent, spwd, databases.shadow, walks.shadow)
 QEL_TAKE_OVER(grent, group, databases.group, walks.group)
 
 int stat(const char* path, struct stat* status) {
-  if (test::redirections.contains(path)) ++test::stat_calls;
-  return fstatat(AT_FDCWD, test::real_path(path), status, 0);
+  if (offline::redirections.contains(path)) ++offline::stat_calls;
+  return fstatat(AT_FDCWD, offline::real_path(path), status, 0);
 }
 
 int utmpname(const char* path) {
   static auto* const libc_utmpname =
       reinterpret_cast<int (*)(const char*)>(dlsym(RTLD_NEXT, "utmpname"));
-  return test::utmpname_fails ? -1 : libc_utmpname(test::real_path(path));
+  return offline::utmpname_fails ? -1 : libc_utmpname(offline::real_path(path));
 }
 }
