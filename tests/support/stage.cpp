@@ -402,8 +402,8 @@ void Stage::set_level(int level) {
 
 }  // namespace test
 
-// These take the place of the framework's. Fatal lines go to standard error as well: the process
-// ends right behind them.
+// These take the place of the framework's. A fatal line fails the test program: the library would
+// end the process with status 0, as if all tests had passed.
 extern "C" void error_output(int level, const char* source, int, const char* format, ...) {
   static constexpr const char* kLevels[] = {"fatal", "", "error", "notice", "debug"};
   if (level > test::stage.level) return;
@@ -413,7 +413,10 @@ extern "C" void error_output(int level, const char* source, int, const char* for
   const int length = vasprintf(&message, format, arguments);
   va_end(arguments);
   if (length < 0) return;
-  if (level == QEL_LOG_FATAL) std::fputs(message, stderr);
+  if (level == QEL_LOG_FATAL) {
+    std::fputs(message, stderr);
+    std::abort();
+  }
   test::hear_line(std::string(kLevels[level]) + " " + source + ": " + message);
   std::free(message);
 }
