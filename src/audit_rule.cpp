@@ -79,14 +79,13 @@ int try_fieldpair(Rule& rule, const char* pair) {
   });
 }
 
-// Builds a watch with permissions and drops it again, after which libaudit takes keys on every rule
-// of this process. Nothing is sent.
+// Builds a watch, which has a permission field, and drops it again. From then on libaudit takes keys
+// on every rule of this process. Nothing is sent.
 void make_libaudit_accept_keys() {
   Rule scratch = new_rule();
-  const int result = with_rule_address(scratch, [](audit_rule_data** address) {
+  with_rule_address(scratch, [](audit_rule_data** address) {
     return audit_add_watch_dir(AUDIT_WATCH, address, "/etc/passwd");
   });
-  if (result == 0) audit_update_watch_perms(scratch.get(), AUDIT_PERM_WRITE);
 }
 
 bool add_rule_fieldpair(Rule& rule, const char* pair) {

@@ -21,7 +21,6 @@ constexpr std::uint32_t kNoProcess = UINT32_MAX;
 // What the comparison and its events need of the opener's context.
 struct Opener {
   std::int32_t ruletype;
-  std::uint32_t syscall;
   std::uint32_t pid;
   std::uint32_t uid;
   char comm[QEL_NAME_SIZE];
@@ -75,7 +74,6 @@ std::int64_t now_ns() {
 audit_ctx context_of(Opener& opener) {
   audit_ctx ctx = {};
   ctx.ruletype = opener.ruletype;
-  ctx.syscall = opener.syscall;
   ctx.success = 1;
   ctx.pid = opener.pid;
   ctx.uid = opener.uid;
@@ -122,7 +120,6 @@ void remember_opener(const audit_ctx& ctx, const FileIdentity& before) {
   Watched& file = state.files[file_of(ctx.ruletype)];
   file.before = before;
   file.opener.ruletype = ctx.ruletype;
-  file.opener.syscall = ctx.syscall;
   file.opener.pid = ctx.pid;
   file.opener.uid = ctx.uid;
   copy_text(file.opener.comm, ctx.comm != nullptr ? ctx.comm : "");
