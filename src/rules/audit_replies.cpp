@@ -1,13 +1,12 @@
 #include "rules/audit_replies.h"
 
 #include <poll.h>
+#include <qel_audit.h>
 #include <sys/socket.h>
 #include <time.h>
 
 #include <algorithm>
 #include <limits>
-
-#include <qel_audit.h>
 
 namespace {
 

@@ -1,6 +1,7 @@
 #include "rules/rule_purge.h"
 
 #include <libaudit.h>
+#include <qel_audit.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -9,7 +10,6 @@
 #include <cstring>
 #include <utility>
 
-#include <qel_audit.h>
 #include "base/log.h"
 #include "base/memory.h"
 #include "rules/audit_replies.h"
