@@ -1,13 +1,9 @@
 // Every recording through the library: what comes is what its list says. The notation of the lists
 // is described next to the recordings.
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <map>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "stage.h"
 
