@@ -4,20 +4,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstddef>
 #include <cstdio>
-#include <filesystem>
 #include <iterator>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "audit_rule.h"
 #include "callback_registry.h"
 #include "stage.h"
-
-// Of the leak sanitizer, where there is one.
-extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
 
 namespace {
 
@@ -38,6 +31,15 @@ class Lifecycle : public Stage {
   // What was heard, with the addresses of callbacks left out.
   static std::string told() {
     return std::regex_replace(heard(), std::regex("cb=0x[0-9a-f]+"), "cb=F");
+  }
+
+  // Deletes them behind the back of the registrations.
+  static void remove_rules() {
+    for (const auto remove : {audit_del_wtmp_rule, audit_del_passwd_rule, audit_del_shadow_rule,
+                              audit_del_execve_rule, audit_del_bind_rule}) {
+      remove();
+    }
+    audit_del_syscall_rule("read");
   }
 
   static void expect_stopped() {
@@ -102,12 +104,6 @@ class EveryCall : public Lifecycle, public testing::WithParamInterface<offline::
 };
 
 TEST_P(EveryCall, MayFailAndLeavesNothing) {
-  const std::string six_rules =
-      "LIST_RULES: exit,always key=bind_rule syscall=bind\n" + kExecveRuleLine +
-      "LIST_RULES: exit,always key=syscall_rule syscall=openat\n"
-      "LIST_RULES: exit,always watch=/etc/shadow perm=wa key=shadow_rule\n"
-      "LIST_RULES: exit,always watch=/etc/passwd perm=wa key=passwd_rule\n"
-      "LIST_RULES: exit,always watch=/var/log/wtmp perm=wa key=wtmp_rule\n";
   unsigned calls = 30;
   int stayed_receiver = 0;
   for (unsigned n = 1; n <= calls; ++n) {
@@ -123,14 +119,12 @@ TEST_P(EveryCall, MayFailAndLeavesNothing) {
         << lines;
     EXPECT_FALSE(offline::is_open());
     EXPECT_EQ(open_descriptors(), descriptors);
-    if (__lsan_do_recoverable_leak_check != nullptr) {
-      EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
-    }
     if (offline::receiver_pid() != 0) ++stayed_receiver;
 
     reset_kernel();
     EXPECT_EQ(start_register_and_stop(), Results(6, 0)) << "a second start works";
-    EXPECT_EQ(heard(), six_rules);
+    EXPECT_EQ(heard().find("error"), lines.npos);
+    EXPECT_TRUE(offline::rules().empty());
     expect_stopped();
     calls = offline::calls(Call::kCount);
   }
@@ -203,29 +197,24 @@ TEST_F(Lifecycle, APollLooksForLateWritesWhileRecordsKeepComingButNotBehindAFail
 }
 
 // In a process of its own, whose first scan it is: a stop does not reset the time of the next one.
-[[noreturn]] void expire(std::time_t start_s,
-                         const std::function<std::string(int)>& open_and_pass) {
-  offline::set_clock(start_s);
-  for (const int pause_s : {3, 4, 4, 3, 1}) {
-    std::fputs(("," + open_and_pass(pause_s)).c_str(), stderr);
-  }
-  _exit(0);
-}
-
 TEST_F(Lifecycle, ContextsExpireAtScansThatAreMoreThanThreeSecondsApartAlsoBeyond2038) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  unsigned serial = 0;
-  const auto open_and_pass = [&](int pause_s) {
-    set_level(QEL_LOG_ERROR);
+  const auto expire = [](std::time_t start_s) {
+    offline::set_clock(start_s);
     start();
-    feed(syscall_record({.serial = ++serial}));
-    poll_all();
     set_level(QEL_LOG_DEBUG);
-    pass(std::chrono::seconds(pause_s));
-    return heard();
+    unsigned serial = 0;
+    for (const auto pause : {3s, 4s, 4s, 3s, 1s}) {
+      feed(syscall_record({.serial = ++serial}));
+      poll_all();
+      heard();
+      pass(pause);
+      std::fputs(("," + heard()).c_str(), stderr);
+    }
+    _exit(0);
   };
   for (const std::time_t start_s : {1'700'000'000L, 0x7ffffffaL, 0x80000010L}) {
-    EXPECT_EXIT(expire(start_s, open_and_pass), testing::ExitedWithCode(0),
+    EXPECT_EXIT(expire(start_s), testing::ExitedWithCode(0),
                 "^,,,debug audit_msg: audit ctx timeout: 2\n"
                 ",,debug audit_msg: audit ctx timeout: 3\n$");
   }
@@ -298,19 +287,14 @@ TEST_F(Lifecycle, TheNinthCallbackOfAKeyAndTheOneBehindThe4096thOfAClassAreRefus
 }
 
 TEST_F(Lifecycle, NothingIsRegisteredWithoutItsRuleAndNoRuleKeptWithoutARegistration) {
-  const struct {
-    const char* rule;
-    std::function<int(const char* name)> add;
-    void (*remove_rule)();
-  } cases[] = {
-      {"wtmp_rule", [&](auto name) { return on_login(name, "eve"); }, audit_del_wtmp_rule},
-      {"passwd_rule", [&](auto name) { return on_user(name, "eve", 8); }, audit_del_passwd_rule},
-      {"shadow_rule", [&](auto name) { return on_user(name, "eve", 4); }, audit_del_shadow_rule},
-      {"syscall_rule", [&](auto name) { return on_syscall(name, "read"); },
-       [] { audit_del_syscall_rule("read"); }},
-      {"execve_rule", [&](auto name) { return on_execve(name, "cat"); }, audit_del_execve_rule},
-      {"bind_rule", [&](auto name) { return on_bind(name, 80); }, audit_del_bind_rule}};
-  for (const auto& [rule, add, remove_rule] : cases) {
+  const std::pair<const char*, std::function<int(const char* name)>> cases[] = {
+      {"wtmp_rule", [&](auto name) { return on_login(name, "eve"); }},
+      {"passwd_rule", [&](auto name) { return on_user(name, "eve", QEL_USER_GROUP); }},
+      {"shadow_rule", [&](auto name) { return on_user(name, "eve", QEL_USER_PASSWORD); }},
+      {"syscall_rule", [&](auto name) { return on_syscall(name, "read"); }},
+      {"execve_rule", [&](auto name) { return on_execve(name, "cat"); }},
+      {"bind_rule", [&](auto name) { return on_bind(name, 80); }}};
+  for (const auto& [rule, add] : cases) {
     SCOPED_TRACE(rule);
     start();
     offline::fail(Call::kAddRule, -EPERM);
@@ -319,7 +303,7 @@ TEST_F(Lifecycle, NothingIsRegisteredWithoutItsRuleAndNoRuleKeptWithoutARegistra
     EXPECT_EQ(add("A"), 0);
     EXPECT_EQ(add("A"), -1) << "a duplicate";
     EXPECT_EQ(rules(), rule) << "the rule is the first one's";
-    remove_rule();
+    remove_rules();
     EXPECT_EQ(add("A"), -1);
     EXPECT_EQ(rules(), "") << "loaded for the duplicate and taken back";
     EXPECT_EQ(add("B"), 1);
