@@ -315,14 +315,6 @@ void Stage::feed(const Record& record) {
   offline::feed(record.type, header(record.serial) + record.body);
 }
 
-void Stage::feed(int type, const std::string& text) {
-  offline::feed(type, text);
-}
-
-void Stage::end(unsigned serial) {
-  feed({AUDIT_EOE, "", serial});
-}
-
 void Stage::feed_group(const Syscall& fields, const std::vector<Record>& others) {
   feed(syscall_record(fields));
   for (const auto& [type, body, serial] : others) feed({type, body, fields.serial});
@@ -361,23 +353,9 @@ void Stage::pass(std::chrono::nanoseconds time) {
   poll_all();
 }
 
-template <typename Entry>
-static Entry& entry_of(std::vector<Entry>& entries, const std::string& name) {
-  for (Entry& entry : entries) {
-    if (entry.name == name) return entry;
-  }
-  entries.emplace_back().name = name;
-  return entries.back();
-}
-
-void Stage::account(const std::string& name, uid_t uid, gid_t gid, const std::string& hash) {
-  Account& account = entry_of(databases.passwd, name);
-  account.uid = uid;
-  account.gid = gid;
+void Stage::account(const std::string& name, uid_t uid, gid_t gid) {
+  databases.passwd.push_back({name, uid, gid});
   touch("/etc/passwd");
-  if (hash.empty()) return;
-  entry_of(databases.shadow, name).hash = hash;
-  touch("/etc/shadow");
 }
 
 void Stage::append_wtmp(const std::vector<struct utmp>& records) {

@@ -119,8 +119,9 @@ class Stage : public testing::Test {
 
   // ---- Records. They wait until they are polled.
   static void feed(const Record& record);
-  static void feed(int type, const std::string& text);  // with its header
-  static void end(unsigned serial = 7);
+  // With its header in the text.
+  static void feed(int type, const std::string& text) { offline::feed(type, text); }
+  static void end(unsigned serial = 7) { feed({AUDIT_EOE, "", serial}); }
   // A SYSCALL record, others of the same serial and the end.
   static void feed_group(const Syscall& fields, const std::vector<Record>& others = {});
   // Plays a recording, polling after each message. `before_end` is called with 0, 1, 2 ... before
@@ -134,8 +135,8 @@ class Stage : public testing::Test {
   static void pass(std::chrono::nanoseconds time);  // moves the clock and polls
 
   // ---- Databases. Each change changes the files behind them, too; `databases` itself does not.
-  // Adds an account or changes the one of this name. An empty hash leaves the shadow file as it is.
-  void account(const std::string& name, uid_t uid, gid_t gid, const std::string& hash = "");
+  // Adds an account.
+  void account(const std::string& name, uid_t uid, gid_t gid);
   void append_wtmp(const std::vector<struct utmp>& records);
   // The file of the stage's own in the place of "/etc/passwd", "/etc/shadow" or "/var/log/wtmp".
   std::filesystem::path file(const std::string& path) const;
