@@ -136,18 +136,6 @@ INSTANTIATE_TEST_SUITE_P(BothOrders, EveryCall,
                          testing::Values(offline::AckOrder::kAckFirst,
                                          offline::AckOrder::kRecordFirst));
 
-TEST_F(Lifecycle, TheMainLoopDrivesTheLibraryAlsoAfterARestart) {
-  for (int round = 0; round < 2; ++round) {
-    ASSERT_EQ(on_execve("A", "", qel_mainloop_stop), 0);
-    feed_group({}, {execve_record({"cat"})});
-    qel_mainloop_run();
-    EXPECT_EQ(heard(), "A: " + kCat);
-    EXPECT_EQ(offline::waiting(), 0U);
-    stop();
-    EXPECT_EQ(heard(), kExecveRuleLine);
-  }
-}
-
 // ---- Poller ------------------------------------------------------------------------------------
 
 TEST_F(Lifecycle, APollReadsOneMessageAndGoesOnAfterAFailure) {

@@ -2,7 +2,6 @@
 #include "wtmp.h"
 
 #include <algorithm>
-#include <fstream>
 #include <iostream>
 #include <list>
 #include <random>
@@ -67,16 +66,6 @@ std::string told(const struct utmp& login, std::int64_t logout = 0, bool is_new 
 }
 
 // ---- Matching logins with their ends -----------------------------------------------------------
-
-// The start or end of the system ends what is left, and gives later ends its time.
-TEST_F(Logins, HaveTheEndThatBelongsToThem) {
-  const struct utmp carol = in("tty1", "carol", 120), dana = in("tty1", "dana", 130);
-  append_wtmp({kAlice, kBob, carol, dana, out("tty1", 140), utmp_record(RUN_LVL, 0, "~", "", 150),
-               utmp_record(BOOT_TIME, 0, "~", "reboot", 200), out("tty1", 210),
-               utmp_record(RUN_LVL, 0, "~", "shutdown", 300), out("tty1", 310)});
-  EXPECT_EQ(compare(), told(kAlice, 200) + told(kBob, 150) + told(carol, 200) + told(dana, 140));
-  EXPECT_EQ(compare(), "");
-}
 
 // A plain reading of the rules, quadratic where it likes: the record and logout of each login, in
 // file order.
@@ -199,18 +188,6 @@ TEST_F(Logins, AreToldToThoseWhoAskedForThemWithTheProcessThatWroteThem) {
   const std::string bob = "bob line=pts/0 pid=77 from=198.51.100.7 user=root process=sshd time=";
   EXPECT_EQ(compare(), "bob: login " + bob + "100\nlogin " + bob + "100\nlogout " + bob +
                            "120\nouts: logout " + bob + "120\n");
-}
-
-TEST_F(Logins, AreToldAsLoginWritesThem) {
-  std::ifstream file(QEL_RECORDINGS_DIR "/login-real.wtmp", std::ios::binary);
-  struct utmp records[3];  // the first one was there before
-  ASSERT_TRUE(file.read(reinterpret_cast<char*>(records), sizeof(records)));
-  begin_with({records[0]});
-  set_level(QEL_LOG_FATAL);  // the recording has groups of other rules
-  play("login-real", [&](int group) { append_wtmp({records[group + 1]}); });
-  const std::string fields =
-      " alice line=pts/0 pid=439 from=0.0.0.0 user=root process=login time=17145576";
-  EXPECT_EQ(heard(), "login" + fields + "29\nlogout" + fields + "30\n");
 }
 
 // ---- The monitor's own functions ---------------------------------------------------------------

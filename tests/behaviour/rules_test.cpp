@@ -81,18 +81,6 @@ using Rules = Stage;
 
 // ---- Connection --------------------------------------------------------------------------------
 
-// libaudit refuses a key on a rule without permissions until the process has built a watch, so in a
-// process of its own: the first rule of this one.
-TEST_F(Rules, AProcessWhoseFirstRuleIsForASystemCallLoadsIt) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        start();
-        _exit(audit_add_bind_rule() == 1 && rules() == "bind_rule" ? 0 : 1);
-      },
-      testing::ExitedWithCode(0), "");
-}
-
 TEST_F(Rules, AStartTakesTheReceiversRoleAndDeletesTheRulesOfOthersAndAStopGivesTheRoleUp) {
   offline::preload_rule(foreign_rule(9, AUDIT_FILTER_EXCLUDE));
   offline::preload_rule(foreign_rule(5, AUDIT_FILTER_USER));
@@ -229,13 +217,11 @@ TEST_F(Rules, RepliesToOtherRequestsAndRulesWhoseLengthLiesAreDroppedAndAnErrorE
 // ---- Overruns: the kernel has carried out, or refused, a request whose answer was dropped -------
 
 TEST_F(Rules, AnOverrunFailsNothingAndHasThePurgeRepeatedTenTimesAtMost) {
-  for (const auto& [call, lists] : {std::pair{Call::kSetPid, 1U},
-                                    {Call::kSetEnabled, 1U},
-                                    {Call::kSetRateLimit, 1U},
-                                    {Call::kSetBacklogLimit, 1U},
-                                    {Call::kGetReply, 2U},
-                                    {Call::kDeleteRule, 2U},
-                                    {Call::kRequestRules, 3U}}) {
+  const std::pair<Call, unsigned> cases[] = {{Call::kSetPid, 1},       {Call::kSetEnabled, 1},
+                                             {Call::kSetRateLimit, 1}, {Call::kSetBacklogLimit, 1},
+                                             {Call::kGetReply, 2},     {Call::kDeleteRule, 2},
+                                             {Call::kRequestRules, 3}};
+  for (const auto& [call, lists] : cases) {
     reset_kernel();
     preload_two_rules();
     offline::fail(call, -ENOBUFS);
@@ -321,6 +307,8 @@ struct Loader {
   std::string line;  // as the purge tells it
 };
 
+// libaudit refuses a key on a rule without permissions until the process has built a watch: ctest
+// runs each of these in a process of its own, of which it is the first rule.
 class EachRule : public Rules, public testing::WithParamInterface<Loader> {};
 
 TEST_P(EachRule, IsSentOnceAndCountsAsLoadedWhileTheKernelHasIt) {

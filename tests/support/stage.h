@@ -124,10 +124,8 @@ class Stage : public testing::Test {
   static void end(unsigned serial = 7) { feed({AUDIT_EOE, "", serial}); }
   // A SYSCALL record, others of the same serial and the end.
   static void feed_group(const Syscall& fields, const std::vector<Record>& others = {});
-  // Plays a recording, polling after each message. `before_end` is called with 0, 1, 2 ... before
-  // the end of each group that carries a rule's key.
-  static void play(const std::string& recording,
-                   const std::function<void(int group)>& before_end = nullptr);
+  // Plays a recording, polling after each message.
+  static void play(const std::string& recording);
 
   // ---- Time.
   static int poll_once();  // returns the poller's result
