@@ -28,9 +28,7 @@ class Accounts : public Stage {
   // Has the accounts compared for a call of this program. Returns the events.
   static std::string compare(const Syscall& fields = {
                                  .key = "passwd_rule", .comm = "vipw", .number = 82}) {
-    feed_group(fields);
-    poll_all();
-    return heard();
+    return heard_of(fields);
   }
 };
 

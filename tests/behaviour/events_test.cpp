@@ -14,15 +14,7 @@ namespace {
 
 using namespace test;
 
-class Events : public Stage {
- protected:
-  // What is heard of a group.
-  static std::string heard_of(const Syscall& fields, const std::vector<Record>& others = {}) {
-    feed_group(fields, others);
-    poll_all();
-    return heard();
-  }
-};
+using Events = Stage;
 
 // ---- Fields and lines --------------------------------------------------------------------------
 

@@ -43,12 +43,6 @@ class Intake : public Stage {
     EXPECT_EQ(on_execve("") + on_bind(""), 0);
     poll_all();
   }
-
-  static std::string heard_of(const Syscall& fields, const std::vector<Record>& others) {
-    feed_group(fields, others);
-    poll_all();
-    return heard();
-  }
 };
 
 // ---- Contexts ----------------------------------------------------------------------------------

@@ -17,12 +17,6 @@ class LateWrites : public Stage {
     poll_all();
   }
 
-  static std::string handle(const Syscall& fields) {
-    feed_group(fields);
-    poll_all();
-    return heard();
-  }
-
   // What is heard while the main loop runs for so long.
   static std::string heard_for(milliseconds time, milliseconds pause = 10ms) {
     for (milliseconds passed = 0ms; passed < time; passed += pause) pass(pause);
@@ -37,7 +31,7 @@ class LateWrites : public Stage {
 };
 
 TEST_F(LateWrites, AreLookedForTenTimesASecondForTenSeconds) {
-  handle(kVipw);
+  heard_of(kVipw);
   looks();
   poll_all();
   EXPECT_EQ(looks(), 0) << "the comparison has just read it";
@@ -51,7 +45,7 @@ TEST_F(LateWrites, AreLookedForTenTimesASecondForTenSeconds) {
 }
 
 TEST_F(LateWrites, AreLookedForOnceMoreWhenTheTimeIsOver) {
-  handle(kVipw);
+  heard_of(kVipw);
   EXPECT_EQ(heard_for(9940ms, 70ms), "");
   account("dana", 2001, 0);
   EXPECT_EQ(heard_for(70ms, 70ms), "added dana group=root\n") << "at the end, not between looks";
@@ -70,7 +64,7 @@ TEST_F(LateWrites, AreSeenByAnyPartOfTheFilesIdentity) {
                             [&] { touch("/etc/passwd"); }};
   for (const auto& change : changes) {
     if (exists(path)) last_write_time(path, time);
-    handle(kVipw);
+    heard_of(kVipw);
     reads();
     heard_for(200ms);
     EXPECT_EQ(reads(), 0);
@@ -87,10 +81,10 @@ std::string login(int pid) {
 
 TEST_F(LateWrites, ArePutDownToTheNewestOpenerOfTheirFile) {
   account("alice", 1000, 0);
-  EXPECT_EQ(handle(kVipw), "added alice group=root\n");
-  handle({.key = "wtmp_rule", .comm = "first", .pid = 1});
+  EXPECT_EQ(heard_of(kVipw), "added alice group=root\n");
+  heard_of({.key = "wtmp_rule", .comm = "first", .pid = 1});
   heard_for(5s);
-  handle({.key = "lastlogin_rule", .comm = std::string(300, 'c'), .pid = 2, .uid = 1000});
+  heard_of({.key = "lastlogin_rule", .comm = std::string(300, 'c'), .pid = 2, .uid = 1000});
   heard_for(9s);  // the time runs from the newest
   append_wtmp({utmp_record(USER_PROCESS, 1, "tty1", "eve", 100),
                utmp_record(USER_PROCESS, 2, "tty1", "eve", 101)});
@@ -99,7 +93,7 @@ TEST_F(LateWrites, ArePutDownToTheNewestOpenerOfTheirFile) {
 }
 
 TEST_F(LateWrites, AreLookedForInEachFileThatWasOpenedUntilAStop) {
-  for (const char* key : {"passwd_rule", "shadow_rule", "wtmp_rule"}) handle({.key = key});
+  for (const char* key : {"passwd_rule", "shadow_rule", "wtmp_rule"}) heard_of({.key = key});
   for (const char* path : {"/etc/shadow", "/etc/passwd"}) {
     reads();
     touch(path);
@@ -119,7 +113,7 @@ TEST_F(LateWrites, AreLookedForInEachFileThatWasOpenedUntilAStop) {
 TEST_F(LateWrites, OfTheTimeOfAComparisonAreSeen) {
   EXPECT_GE(on_user("late", "dana", QEL_USER_ADDED, [this] { account("frank", 2003, 0); }), 0);
   account("dana", 2001, 0);
-  EXPECT_EQ(handle(kVipw), "late: added dana group=root\nadded dana group=root\n");
+  EXPECT_EQ(heard_of(kVipw), "late: added dana group=root\nadded dana group=root\n");
   EXPECT_EQ(heard_for(100ms), "added frank group=root\n");
 }
 
@@ -127,31 +121,31 @@ TEST_F(LateWrites, OfTheTimeOfAComparisonAreSeen) {
 
 TEST_F(LateWrites, ARefusedCallReadsNothingButHasTheFileLookedAt) {
   reads();
-  handle(kRefused);
+  heard_of(kRefused);
   heard_for(11s, 100ms);
   account("dana", 2001, 0);
   EXPECT_EQ(heard_for(200ms), "") << "nobody has opened the file";
-  EXPECT_EQ(handle(kRefused), "");
+  EXPECT_EQ(heard_of(kRefused), "");
   EXPECT_EQ(reads(), 0);
   EXPECT_EQ(heard_for(100ms), "added dana group=root\n") << "came since the last reading";
-  EXPECT_EQ(handle({.key = "passwd_rule", .success = false, .exit = "1"}), "");
+  EXPECT_EQ(heard_of({.key = "passwd_rule", .success = false, .exit = "1"}), "");
   EXPECT_EQ(reads(), 2) << "no errno value, so it was not refused";
 }
 
 TEST_F(LateWrites, ARefusedCallTakesNeitherThePlaceNorAddsToTheTimeOfAnOpener) {
   Syscall refused = kRefused;
   refused.key = "wtmp_rule";
-  handle(refused);
+  heard_of(refused);
   for (const int pid : {666, 0}) {
     append_wtmp({utmp_record(USER_PROCESS, pid, "tty1", "eve", 100)});
     EXPECT_EQ(heard_for(100ms), login(pid) + "user= process= time=100\n");
   }
-  handle({.key = "wtmp_rule", .comm = "sshd"});
-  handle(refused);
+  heard_of({.key = "wtmp_rule", .comm = "sshd"});
+  heard_of(refused);
   append_wtmp({utmp_record(USER_PROCESS, 11, "tty1", "eve", 100)});
   EXPECT_EQ(heard_for(100ms), login(11) + "user=root process=sshd time=100\n");
   heard_for(9s);
-  handle(refused);
+  heard_of(refused);
   heard_for(1s);
   looks();
   heard_for(1s);

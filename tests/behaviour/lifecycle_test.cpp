@@ -23,10 +23,7 @@ const std::string kExecveRuleLine = "LIST_RULES: exit,always key=execve_rule sys
 
 class Lifecycle : public Stage {
  protected:
-  static void run(const std::string& command = "cat") {
-    feed_group({.comm = command}, {execve_record({command})});
-    poll_all();
-  }
+  static std::string heard_of_cat() { return heard_of({}, {execve_record({"cat"})}); }
 
   // What was heard, with the addresses of callbacks left out.
   static std::string told() {
@@ -76,8 +73,7 @@ TEST_F(Lifecycle, AStartThatFailsUndoesWhatItDidAndTheNextOneWorks) {
   expect_stopped();
   refuse_poller(false);
   EXPECT_EQ(on_execve("A"), 0);
-  run();
-  EXPECT_EQ(heard(), "A: " + kCat);
+  EXPECT_EQ(heard_of_cat(), "A: " + kCat);
 }
 
 // With every call of libaudit failing once: nothing may stay behind, and the library has to start
@@ -212,9 +208,7 @@ TEST_F(Lifecycle, ContextsExpireAtScansThatAreMoreThanThreeSecondsApartAlsoBeyon
 
 TEST_F(Lifecycle, ARegistrationThatIsWrongIsToldBeforeTheLibraryIsStarted) {
   const Results results = {on_login("A", "eve", 0),
-                           qel_login_reg_callback("eve", 1, nullptr, nullptr),
                            qel_user_reg_callback("eve", -1, nullptr, nullptr),
-                           on_user("A", "eve", 0),
                            on_syscall("A", "", 2),
                            on_syscall("A", "read", -2),
                            qel_syscall_reg_callback("read", 1, nullptr, nullptr),
@@ -222,12 +216,10 @@ TEST_F(Lifecycle, ARegistrationThatIsWrongIsToldBeforeTheLibraryIsStarted) {
                            on_syscall("A", "", 0),
                            qel_execve_reg_callback("cat", nullptr, nullptr),
                            qel_bind_reg_callback(80, nullptr, nullptr)};
-  EXPECT_EQ(results, Results(11, -1));
+  EXPECT_EQ(results, Results(9, -1));
   EXPECT_EQ(told(),
             "error qel_audit: invalid cb param, ev_mask=0, cb=F\n"
-            "error qel_audit: invalid cb param, ev_mask=1, cb=(nil)\n"
             "error qel_audit: invalid cb param, ev_mask=-1, cb=(nil)\n"
-            "error qel_audit: invalid cb param, ev_mask=0, cb=F\n"
             "error qel_audit: invalid cb param, success=2, cb=F\n"
             "error qel_audit: invalid cb param, success=-2, cb=F\n"
             "error qel_audit: invalid cb param, success=1, cb=(nil)\n"
@@ -335,8 +327,8 @@ TEST_F(Lifecycle, CallbacksOfTheKeyRunBeforeThoseForAllEachInOrderAlsoThoseThatC
                       }),
             1);
   EXPECT_EQ(qel_execve_unreg_callback("cat", nullptr, nullptr), 0) << "does nothing";
-  run();
-  EXPECT_EQ(heard(), "cat 1: " + kCat + "cat 2: " + kCat + "all 1: " + kCat + "all 2: " + kCat);
+  EXPECT_EQ(heard_of_cat(),
+            "cat 1: " + kCat + "cat 2: " + kCat + "all 1: " + kCat + "all 2: " + kCat);
 }
 
 TEST_F(Lifecycle, AnEventReachesThoseWhoseKeyAndFilterMatch) {
@@ -369,17 +361,15 @@ TEST_F(Lifecycle, AStopInsideACallbackWaitsForTheEndOfTheRecordAndNothingStartsO
   });
   on_execve("B");
   feed_group({}, {execve_record({"cat"})});
-  run();
   const std::string refusal = "error qel_audit: the library is about to stop\n";
-  EXPECT_EQ(heard(), "A: " + kCat + refusal + refusal + "B: " + kCat + kExecveRuleLine);
+  EXPECT_EQ(heard_of_cat(), "A: " + kCat + refusal + refusal + "B: " + kCat + kExecveRuleLine);
   expect_stopped();
   EXPECT_EQ(offline::waiting(), 0U);
   const unsigned polls = offline::poll_calls();
   EXPECT_EQ(poll_once(), 0);
   EXPECT_EQ(offline::poll_calls(), polls) << "a poll after the stop touches nothing";
   on_execve("C");
-  run();
-  EXPECT_EQ(heard(), "C: " + kCat) << "the stop was carried out once";
+  EXPECT_EQ(heard_of_cat(), "C: " + kCat) << "the stop was carried out once";
 }
 
 }  // namespace

@@ -37,11 +37,7 @@ class Logins : public Stage {
   void write(const Records& records) { write_wtmp(file("/var/log/wtmp"), records); }
 
   // Has the log compared for a call of sshd. Returns what is heard.
-  static std::string compare() {
-    feed_group({.key = "wtmp_rule", .comm = "sshd", .pid = 77});
-    poll_all();
-    return heard();
-  }
+  static std::string compare() { return heard_of({.key = "wtmp_rule", .comm = "sshd", .pid = 77}); }
 
   // Forgets what is known, but for these records.
   void begin_with(const Records& records) {

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <sstream>
 
+#include "record_file.h"
 #include "stage.h"
 
 namespace {
@@ -48,7 +49,13 @@ TEST_P(Recordings, GivesWhatItsListSays) {
   for (const int result : {on_execve(""), on_bind(""), on_syscall(""), on_user(""), on_login("")}) {
     ASSERT_EQ(result, 0);
   }
-  play(GetParam());
+  std::string path = kDirectory / (GetParam() + ".rec");
+  if (!std::filesystem::exists(path)) path += ".gz";
+  const std::string error = offline::read_records(path, [](const offline::Record& record) {
+    feed(record.type, std::string(record.payload));
+    poll_all();
+  });
+  EXPECT_EQ(error, "");
   std::ifstream file(kDirectory / (GetParam() + ".events"));
   const std::string list(std::istreambuf_iterator<char>(file), {});
   const bool is_counted = list.find(" x ") == list.find_first_not_of("0123456789");

@@ -13,8 +13,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "record_file.h"
-
 namespace test {
 namespace {
 
@@ -319,14 +317,10 @@ void Stage::feed_group(const Syscall& fields, const std::vector<Record>& others)
   end(fields.serial);
 }
 
-void Stage::play(const std::string& recording) {
-  std::string path = QEL_RECORDINGS_DIR "/" + recording + ".rec";
-  if (!std::filesystem::exists(path)) path += ".gz";
-  const std::string error = offline::read_records(path, [](const offline::Record& record) {
-    feed(record.type, std::string(record.payload));
-    poll_all();
-  });
-  if (!error.empty()) throw std::runtime_error(error);
+std::string Stage::heard_of(const Syscall& fields, const std::vector<Record>& others) {
+  feed_group(fields, others);
+  poll_all();
+  return heard();
 }
 
 int Stage::poll_once() {

@@ -124,8 +124,8 @@ class Stage : public testing::Test {
   static void end(unsigned serial = 7) { feed({AUDIT_EOE, "", serial}); }
   // A SYSCALL record, others of the same serial and the end.
   static void feed_group(const Syscall& fields, const std::vector<Record>& others = {});
-  // Plays a recording, polling after each message.
-  static void play(const std::string& recording);
+  // What is heard when such a group is polled.
+  static std::string heard_of(const Syscall& fields, const std::vector<Record>& others = {});
 
   // ---- Time.
   static int poll_once();  // returns the poller's result
