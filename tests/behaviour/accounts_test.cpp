@@ -181,19 +181,6 @@ TEST_F(Accounts, TheMonitorSaysWhenItIsStartedOrStoppedTwice) {
   passwd_init();
 }
 
-// A callback stops the library in the middle of a comparison: what it has begun is finished, and
-// nothing is known of it after the next start.
-TEST_F(Accounts, AreAllToldWhenACallbackStopsTheLibrary) {
-  EXPECT_GE(on_user("stop", "dana", kEveryChange, [] { qel_audit_fini(); }), 0);
-  add("dana", 50);
-  add("evan", 50);
-  EXPECT_TRUE(compare().starts_with(
-      "stop: added dana group=staff\nadded dana group=staff\nadded evan group=staff\nLIST_RULES"));
-  databases.passwd.back().gid = 0;
-  EXPECT_EQ(on_user(""), 0);
-  EXPECT_EQ(compare(), "");
-}
-
 // ---- Names by uid ------------------------------------------------------------------------------
 
 class UserNames : public Accounts {

@@ -47,20 +47,7 @@ class Intake : public Stage {
 
 // ---- Contexts ----------------------------------------------------------------------------------
 
-TEST_F(Intake, ASecondSyscallRecordOfASerialBeginsAnew) {
-  EXPECT_EQ(heard_of({.comm = "old"}, {{AUDIT_EXECVE, "argc=2 a0=\"x\" a1_len=9 a1[0]=\"y\""},
-                                       syscall_record(),
-                                       {AUDIT_EXECVE, "argc=1 a0=\"z\""}}),
-            kCat + "1 z\n");
-  EXPECT_EQ(heard_of({}, {sockaddr_record(inet("::1", 80)), syscall_record({.key = "bind_rule"})}),
-            "error audit_event: sockaddr family unspecified\n");
-}
-
-TEST_F(Intake, NothingIsKnownOfASerialBehindItsEndOrAStop) {
-  EXPECT_EQ(heard_of({}, {}), kCat + "0\n");
-  for (const int type : {AUDIT_EXECVE, AUDIT_PATH, AUDIT_SOCKADDR, AUDIT_EOE}) {
-    EXPECT_EQ(handle(type, header(7) + "argc=1 name=\"x\" saddr=00000000"), -1);
-  }
+TEST_F(Intake, NothingIsKnownOfASerialBehindAStop) {
   begin();
   handle(AUDIT_EXECVE, header(7) + "argc=3 a0=\"x\" a2_len=9 a2[0]=\"ab\"");
   stop();

@@ -337,11 +337,11 @@ TEST_F(Lifecycle, AnEventReachesThoseWhoseKeyAndFilterMatch) {
   on_syscall("failed", "openat", QEL_SYSCALL_FAILED);
   on_syscall("succeeded", "openat", QEL_SYSCALL_SUCCEEDED);
   on_syscall("either", "openat");
-  feed_group({.key = "bind_rule"}, {sockaddr_record(inet("::1", 80))});
+  feed_group({.key = "bind_rule"}, {{AUDIT_SOCKADDR, "saddr=020000507F0000010000000000000000"}});
   feed_group({.key = "syscall_rule", .success = false, .exit = "-2"});
   feed_group({.key = "syscall_rule", .exit = "3"});
   poll_all();
-  const std::string bind = "bind result=0 user=root process=cat pid=11 ppid=10 [::1]:80\n";
+  const std::string bind = "bind result=0 user=root process=cat pid=11 ppid=10 127.0.0.1:80\n";
   const std::string ids = " user=root process=cat pid=11 ppid=10 args=1,2,3,4\n";
   EXPECT_EQ(heard(), "80: " + bind + "any: " + bind + "failed: syscall openat success=0 result=-2" +
                          ids + "either: syscall openat success=0 result=-2" + ids +

@@ -50,15 +50,11 @@ std::string hex(std::string_view bytes, const char* digits = "0123456789abcdef")
   return text;
 }
 
-std::string kernel_hex(std::string_view bytes) {
-  return hex(bytes, "0123456789ABCDEF");
-}
-
 // A text of a record.
 std::string written(const std::string& text) {
   const bool plain = std::all_of(
       text.begin(), text.end(), [](char byte) { return byte > ' ' && byte <= '~' && byte != '"'; });
-  return plain ? '"' + text + '"' : kernel_hex(text);
+  return plain ? '"' + text + '"' : hex(text, "0123456789ABCDEF");
 }
 
 std::string format_byte(char byte) {
@@ -160,16 +156,6 @@ std::string header(unsigned serial) {
   return "audit(1700000000.000:" + std::to_string(serial) + "): ";
 }
 
-std::string inet(const std::string& ip, std::uint16_t port) {
-  sockaddr_in6 inet6 = {AF_INET6, htons(port), 0, {}, 0};
-  if (inet_pton(AF_INET6, ip.c_str(), &inet6.sin6_addr) == 1) {
-    return {reinterpret_cast<const char*>(&inet6), sizeof(inet6)};
-  }
-  sockaddr_in inet = {AF_INET, htons(port), {}, {}};
-  if (inet_pton(AF_INET, ip.c_str(), &inet.sin_addr) != 1) throw std::invalid_argument(ip);
-  return {reinterpret_cast<const char*>(&inet), sizeof(inet)};
-}
-
 Record syscall_record(const Syscall& fields) {
   const auto number = [](unsigned value) { return std::to_string(value); };
   return {AUDIT_SYSCALL,
@@ -191,10 +177,6 @@ Record execve_record(const std::vector<std::string>& arguments) {
 
 Record path_record(const std::string& name) {
   return {AUDIT_PATH, "item=0 name=" + written(name) + " inode=9 nametype=NORMAL"};
-}
-
-Record sockaddr_record(const std::string& address) {
-  return {AUDIT_SOCKADDR, "saddr=" + kernel_hex(address)};
 }
 
 // ---- The stage ---------------------------------------------------------------------------------

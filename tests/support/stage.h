@@ -64,10 +64,6 @@ struct Syscall {
 Record syscall_record(const Syscall& fields = {});
 Record execve_record(const std::vector<std::string>& arguments);
 Record path_record(const std::string& name);
-Record sockaddr_record(const std::string& address);
-
-// The bytes of an IPv4 or IPv6 address.
-std::string inet(const std::string& ip, std::uint16_t port);
 
 // "audit(1700000000.000:SERIAL): "
 std::string header(unsigned serial);
