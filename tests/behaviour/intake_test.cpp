@@ -1,5 +1,5 @@
-// Record intake, seen from both its ends: the records that go in, and the events and lines that come
-// of them. How the text of a record is read is compared with a second parser in another test.
+// Record intake, seen from both its ends: the records that go in, and the events and lines that
+// come of them. How the text of a record is read is compared with a second parser in another test.
 #include <algorithm>
 #include <cstring>
 
