@@ -30,7 +30,7 @@ class Lifecycle : public Stage {
     return std::regex_replace(heard(), std::regex("cb=0x[0-9a-f]+"), "cb=F");
   }
 
-  // Deletes them behind the back of the registrations.
+  // Deletes every rule behind the registrations' back.
   static void remove_rules() {
     for (const auto remove : {audit_del_wtmp_rule, audit_del_passwd_rule, audit_del_shadow_rule,
                               audit_del_execve_rule, audit_del_bind_rule}) {
@@ -119,7 +119,7 @@ TEST_P(EveryCall, MayFailAndLeavesNothing) {
 
     reset_kernel();
     EXPECT_EQ(start_register_and_stop(), Results(6, 0)) << "a second start works";
-    EXPECT_EQ(heard().find("error"), lines.npos);
+    EXPECT_EQ(heard().find("error"), std::string::npos);
     EXPECT_TRUE(offline::rules().empty());
     expect_stopped();
     calls = offline::calls(Call::kCount);
