@@ -7,9 +7,9 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <map>
 #include <regex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "qel_base.h"
@@ -37,8 +37,7 @@ namespace {
 constexpr wchar_t kUnencodable[] = {0x7fffffff, 0};
 
 // Runs `action`, which logs. Returns what it wrote, with the same time in front of every line.
-template <typename Action>
-Texts written_by(Action action, int interruptions = 0, std::size_t at_most = 1 << 20) {
+Texts written_by(auto action, int interruptions = 0, std::size_t at_most = 1 << 20) {
   writes = {true, {}, interruptions, at_most};
   errno = ENOENT;
   action();
@@ -49,42 +48,32 @@ Texts written_by(Action action, int interruptions = 0, std::size_t at_most = 1 <
   return writes.texts;
 }
 
-TEST(ErrorOutput, PrintsTimeLevelSourceLineAndMessage) {
-  EXPECT_EQ(written_by([] {
-              error_output(QEL_LOG_FATAL, "audit_msg", 7, "Out of memory\n");
-              error_output(QEL_LOG_ERROR, "audit_rule", 123, "%s failed: %d", "open", -2);
-              error_output(QEL_LOG_NOTICE, "wtmp", 1, "user %ls\n", kUnencodable);
-              error_output(INT_MIN, "wtmp", 1, "odd\n");
-            }),
-            (Texts{"TIME fatal audit_msg:7: Out of memory\n",
-                   "TIME error audit_rule:123: open failed: -2\n", "TIME notice wtmp:1: user %ls\n",
-                   "TIME -2147483648 wtmp:1: odd\n"}));
+TEST(ErrorOutput, PrintsTimeLevelSourceLineAndMessageAndGivesUpAtAFailure) {
+  const auto log = [] {
+    error_output(QEL_LOG_NOTICE, "audit_rule", 123, "%s failed: %d", "open", -2);
+    error_output(INT_MIN, "wtmp", 1, "user %ls\n", kUnencodable);
+  };
+  EXPECT_EQ(written_by(log), (Texts{"TIME notice audit_rule:123: open failed: -2\n",
+                                    "TIME -2147483648 wtmp:1: user %ls\n"}));
+  EXPECT_EQ(written_by(log, 2, 30), (Texts{"TIME notice aud", "it_rule:123: open failed: -2\n",
+                                           "TIME -214748364", "8 wtmp:1: user %ls\n"}));
+  EXPECT_EQ(written_by(log, 0, 0), Texts());
 }
 
 TEST(ErrorOutput, EveryMessageIsOneWholeLine) {
-  std::string escaped;
-  for (int i = 0; i < 10000; ++i) escaped += "\\x01";
-  std::vector<std::pair<std::string, std::string>> cases = {
+  std::map<std::string, std::string> lines = {
       {"", ""},
       {"\n", ""},
-      {"a\nb\n", "a\\x0Ab"},
-      {"a\r\n\n", "a\\x0D\\x0A"},
-      {"\x1b[2J\t\x7f\x1f ~\xc3\xa9", "\\x1B[2J\\x09\\x7F\\x1F ~\xc3\xa9"},
-      {std::string(10000, '\1'), escaped}};
+      {"a\r\nb\n\n", "a\\x0D\\x0Ab\\x0A"},
+      {"\x1b[2J\t\x7f\x1f ~\xc3\xa9", "\\x1B[2J\\x09\\x7F\\x1F ~\xc3\xa9"}};
+  std::string& escaped = lines[std::string(10000, '\1')];
+  for (int i = 0; i < 10000; ++i) escaped += "\\x01";
   // Around the room that a line finds on the stack.
-  for (size_t size = 4000; size < 4120; ++size)
-    cases.emplace_back(std::string(size, 'x'), std::string(size, 'x'));
-  for (const auto& [message, line] : cases) {
+  for (std::string text(4000, 'x'); text.size() < 4120; text += 'x') lines[text] = text;
+  for (const auto& [message, line] : lines) {
     const auto log = [text = message.c_str()] { error_output(2, "m", 1, "%s", text); };
     ASSERT_EQ(written_by(log), Texts{"TIME error m:1: " + line + "\n"});
   }
-}
-
-TEST(ErrorOutput, GoesOnBehindAnInterruptionAndGivesUpAtAFailure) {
-  const auto log = [] { error_output(2, "m", 1, "text"); };
-  const Texts parts = written_by(log, 2, 20);
-  EXPECT_EQ(parts, (Texts{"TIME ", "error m:1: text\n"}));
-  EXPECT_EQ(written_by(log, 0, 0), Texts());
 }
 
 TEST(ErrorOutputDeathTest, ThresholdDecidesBeforeAnythingIsFormatted) {
@@ -94,9 +83,8 @@ TEST(ErrorOutputDeathTest, ThresholdDecidesBeforeAnythingIsFormatted) {
     const char* environment;
     int set, lines;
   } cases[] = {
-      {nullptr, kUnset, 3}, {"2", kUnset, 2},          {"17", kUnset, 4}, {"-1", kUnset, 1},
-      {"2x", kUnset, 3},    {"", kUnset, 3},           {"4", -7, 1},      {"0", 2, 2},
-      {"0", 99, 4},         {"99999999999", kUnset, 4}};
+      {nullptr, kUnset, 3}, {"2", kUnset, 2}, {"-1", kUnset, 1}, {"99999999999", kUnset, 4},
+      {"2x", kUnset, 3},    {"", kUnset, 3},  {"4", -7, 1},      {"0", 99, 4}};
   for (const auto& [environment, set, lines] : cases) {
     environment != nullptr ? setenv("QEL_LOG_LEVEL", environment, 1) : unsetenv("QEL_LOG_LEVEL");
     const auto log = [level = set] {
