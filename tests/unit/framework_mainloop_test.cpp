@@ -11,7 +11,7 @@
 #include "qel_frame.h"
 
 static std::vector<long> pauses_ms;
-static std::function<int()> during_pause;
+static std::function<int()> during_pause = [] { return 0; };
 
 // Takes the place of libc's in the main loop: pauses are noted and take no time.
 extern "C" int nanosleep(const struct timespec* requested, struct timespec* /*remaining*/) {
@@ -22,7 +22,7 @@ extern "C" int nanosleep(const struct timespec* requested, struct timespec* /*re
 namespace {
 
 using Action = std::function<int()>;
-std::array<Action, 3> slots;
+std::array<Action, 100> slots;  // so many that the list moves while they are registered
 
 int call_slot(void* slot) {
   auto& action = *static_cast<Action*>(slot);
@@ -34,60 +34,54 @@ int stop() {
   return 0;
 }
 
-struct MainLoop : testing::Test {
-  MainLoop() {
-    slots = {};
-    pauses_ms.clear();
-    during_pause = [] { return 0; };
-    qel_mainloop_reg_poller(call_slot, &slots[0]);
-  }
-};
+// Runs with these in the first slots, in a loop that knows the first of them.
+void run(const Action& first, const Action& second = {}, const Action& third = {}) {
+  slots = {first, second, third};
+  pauses_ms.clear();
+  qel_mainloop_reg_poller(call_slot, &slots[0]);
+  qel_mainloop_run();
+}
 
-TEST_F(MainLoop, PausesGrowWhileIdleAndVanishWhileBusy) {
-  // W: the poller worked, i: it was idle, F: it failed, which is no work either.
+TEST(MainLoop, RegistersEachPairOnceAndInOrderAlsoFromAPoller) {
+  EXPECT_NE(qel_mainloop_reg_poller(nullptr, &slots[0]), 0);
+  std::string calls;
+  const auto reg = [&] {
+    calls += 'a';
+    for (auto& slot : slots) EXPECT_EQ(qel_mainloop_reg_poller(call_slot, &slot), 0);
+    return 0;
+  };
+  run(
+      reg, [&] { return calls += 'b', 0; },
+      [&] { return (calls += 'c').size() == 6 ? stop() : 0; });
+  EXPECT_EQ(calls, "abcabc");
+}
+
+// W: the poller worked, i: it was idle, F: it failed, which is no work either.
+TEST(MainLoop, PausesGrowWhileIdleAndVanishWhileBusy) {
   const std::string rounds = "iiiiiiWWWWiWiFi";
   size_t round = 0, idle_calls = 0;
-  slots[0] = [&] {
+  const auto work = [&] {
     const char outcome = rounds[round++];
     if (round == rounds.size()) stop();
     return outcome == 'W' ? 1 : outcome == 'F' ? -1 : 0;
   };
   EXPECT_EQ(qel_mainloop_reg_poller(call_slot, &slots[1]), 0);
-  slots[1] = [&] { return ++idle_calls, 0; };
-  qel_mainloop_run();
+  run(work, [&] { return ++idle_calls, 0; });
   EXPECT_EQ(idle_calls, rounds.size()) << "a busy poller keeps the others going";
   EXPECT_EQ(pauses_ms, (std::vector<long>{1, 2, 4, 8, 9, 9, 1, 1, 2}));
 }
 
-TEST_F(MainLoop, RegistersEachPairOnceAndInOrderAlsoFromAPoller) {
-  EXPECT_NE(qel_mainloop_reg_poller(nullptr, &slots[0]), 0);
-  std::string calls;
-  slots[0] = [&] {
-    calls += 'a';
-    static std::array<Action, 100> more;  // enough to move the list under the running round
-    for (auto& slot : slots) EXPECT_EQ(qel_mainloop_reg_poller(call_slot, &slot), 0);
-    for (auto& slot : more) EXPECT_EQ(qel_mainloop_reg_poller(call_slot, &slot), 0);
-    return 0;
-  };
-  slots[1] = [&] { return calls += 'b', 0; };
-  slots[2] = [&] { return (calls += 'c').size() == 6 ? stop() : 0; };
-  qel_mainloop_run();
-  EXPECT_EQ(calls, "abcabc");
-}
-
-TEST_F(MainLoop, StopEndsOneRunAlsoFromASignalDuringAPause) {
+TEST(MainLoop, StopEndsOneRunAlsoFromASignalDuringAPause) {
   int calls = 0;
-  slots[0] = [&] { return ++calls, stop(); };
   stop();
   for (const int expected : {0, 1, 2}) {
-    qel_mainloop_run();
+    run([&] { return ++calls, stop(); });
     EXPECT_EQ(calls, expected);
+    EXPECT_EQ(pauses_ms.size(), 0U);
   }
-  EXPECT_EQ(pauses_ms.size(), 0U);
-  slots[0] = [&] { return ++calls, 0; };
   during_pause = [] { return raise(SIGUSR1), -1; };
-  std::signal(SIGUSR1, [](int) { qel_mainloop_stop(); });
-  qel_mainloop_run();
+  std::signal(SIGUSR1, [](int) { stop(); });
+  run([&] { return ++calls, 0; });
   EXPECT_EQ(calls, 3);
 }
 
