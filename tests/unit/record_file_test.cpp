@@ -27,13 +27,12 @@ struct RecordFile : testing::Test {
   }
 
   // Returns what is wrong, without the name.
-  std::string read(const std::string& path) {
+  std::string read() {
     records_.clear();
     const std::string problem = offline::read_records(
-        path, [this](const auto& record) { records_.emplace_back(record.type, record.payload); });
-    return problem.starts_with(path + ":") ? problem.substr(path.size() + 1) : problem;
+        path_, [this](const auto& record) { records_.emplace_back(record.type, record.payload); });
+    return problem.starts_with(path_ + ":") ? problem.substr(path_.size() + 1) : problem;
   }
-  std::string read() { return read(path_); }
 
   const std::string path_ = testing::TempDir() + "record_file_test." + std::to_string(getpid());
   Records records_;
@@ -41,18 +40,15 @@ struct RecordFile : testing::Test {
 
 TEST_F(RecordFile, ReadsEveryKindOfLine) {
   const std::pair<std::string, Records::value_type> lines[] = {
-      {"1300\taudit(1.000:1): arch=c000003e comm=\"caf\xc3\xa9\"\r\n\n",
-       {1300, "audit(1.000:1): arch=c000003e comm=\"caf\xc3\xa9\"\r"}},
+      {"1300\tcomm=\"caf\xc3\xa9\"\r\n\n", {1300, "comm=\"caf\xc3\xa9\"\r"}},
       {"1320\taudit(1.000:1): \n", {1320, "audit(1.000:1): "}},
       {"2\thex:00000000fFAa09\n", {2, std::string("\0\0\0\0\xff\xaa\x09", 7)}},
       {"65535\thex:\n", {65535, ""}},
-      {"type=SYSCALL msg=audit(2.000:2): key=\"a\"\x1d"
-       "ARCH=x86_64 msg=audit(x\n",
-       {1300, "audit(2.000:2): key=\"a\""}},
+      {"type=SYSCALL msg=audit(2.000:2): key=k\x1dUID=x msg=audit(x\n",
+       {1300, "audit(2.000:2): key=k"}},
       {"node=host.example type=EOE msg=audit(2.000:2): \n", {1320, "audit(2.000:2): "}},
       {"type=UNKNOWN[1420] msg=audit(2.000:3): subj=\n", {1420, "audit(2.000:3): subj="}},
-      {"1\taudit(2.000:5): type=EOE msg=audit(6): no line feed",
-       {1, "audit(2.000:5): type=EOE msg=audit(6): no line feed"}}};
+      {"1\ttype=EOE msg=audit(6): no line feed", {1, "type=EOE msg=audit(6): no line feed"}}};
   std::string content;
   Records records;
   for (const auto& [line, record] : lines) {
@@ -90,12 +86,11 @@ TEST_F(RecordFile, NamesAMalformedLineAndStopsThere) {
        {"\tx", "0\tx", "-1\tx", " 1300\tx", "65536\tx", "99999999999999999999\tx", "1300x\tx"}},
       {"the payload is not in hexadecimal", {"2\thex:0", "2\thex:0g", "2\thex:00 11"}},
       {"unknown record type",
-       {"type=NOTHING msg=audit(1.000:1): ", "type=1300 msg=audit(1.000:1): ",
-        "type= msg=audit(1.000:1): ", "type=SYSCALL",
-        "type=UNKNOWN[14 msg=audit(1.000:1): ", "type=UNKNOWN[65536] msg=audit(1.000:1): "}},
+       {"type=NOTHING msg=audit(1:1)", "type=1300 msg=audit(1:1)", "type= msg=audit(1:1)",
+        "type=SYSCALL", "type=UNKNOWN[14 msg=audit(1:1)", "type=UNKNOWN[65536] msg=audit(1:1)"}},
       {"no msg=audit( behind the record type",
        {"type=SYSCALL arch=c000003e", "type=SYSCALL msg=arch=c000003e"}},
-      {"no type= behind the node", {"node=host", "node=host SYSCALL msg=audit(1.000:1): "}}};
+      {"no type= behind the node", {"node=host", "node=host SYSCALL msg=audit(1:1)"}}};
   for (const auto& [problem, lines] : cases) {
     for (const std::string line : lines) {
       write("1300\tbefore\n\n" + line + "\n1300\tbehind\n");
@@ -107,7 +102,6 @@ TEST_F(RecordFile, NamesAMalformedLineAndStopsThere) {
 
 TEST_F(RecordFile, SaysWhyAFileCannotBeReadToItsEnd) {
   EXPECT_EQ(read(), " No such file or directory");
-  EXPECT_EQ(read(testing::TempDir()), "1: Is a directory");
   std::string content;
   for (int i = 0; i < 9999; ++i) content += "1300\taudit(1.000:" + std::to_string(i * i) + "): x\n";
   write(content, "w");
@@ -118,8 +112,10 @@ TEST_F(RecordFile, SaysWhyAFileCannotBeReadToItsEnd) {
   EXPECT_EQ(read(), "10000: the compressed data ends too early");
   fs::resize_file(path_, size / 2);
   EXPECT_TRUE(read().ends_with(": the compressed data ends too early"));
-  EXPECT_GT(records_.size(), 1000U);
   EXPECT_TRUE(records_.back().second.ends_with(": x")) << "the broken line is not taken";
+  fs::remove(path_);
+  fs::create_directory(path_);
+  EXPECT_EQ(read(), "1: Is a directory");
 }
 
 }  // namespace
