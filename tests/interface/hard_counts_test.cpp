@@ -73,11 +73,28 @@ struct Costs : testing::Test {
     cost_of(bench::make_mixed_stream(50).records);  // tables and caches take their room
   }
   ~Costs() override { qel_audit_fini(); }
+};
 
-  // Delivers a stream group by group; each makes one event, takes the command name and the key, one
-  // text for every argument, and an array when its list is the longest so far.
-  void expect_one_call_per_text(const bench::Stream& stream) {
-    constexpr std::uint64_t kTexts = 2;
+std::string header(int serial) {
+  return "audit(1714557604.532:" + std::to_string(serial) + "): ";
+}
+
+std::string syscall_text(int serial, const std::string& key) {
+  return header(serial) +
+         "arch=c000003e syscall=59 success=yes exit=0 a0=1 a1=2 a2=3 a3=4 ppid=1 "
+         "pid=2 uid=0 gid=0 comm=\"true\" exe=\"/usr/bin/true\" key=" +
+         key;
+}
+
+const std::string kPath = "item=0 name=\"/usr/bin/true\" inode=1 nametype=NORMAL";
+
+// Each group makes one event, takes the command name and the key, one text for every argument, and
+// an array when its list is the longest so far.
+TEST_F(Costs, HeapIsCalledOnceForEachTextThatIsKept) {
+  constexpr std::uint64_t kTexts = 2;
+  for (const bench::Stream& stream :
+       {bench::make_bind_stream(300), bench::make_openat_stream(300),
+        bench::make_execve_stream(1000), bench::make_many_arguments_stream(12)}) {
     std::uint64_t longest = 0;
     Records group;
     for (const bench::Record& record : stream.records) {
@@ -87,34 +104,12 @@ struct Costs : testing::Test {
       const std::uint64_t calls = cost_of(group).heap;
       const std::uint64_t arguments = bench::delivered_arguments() - old;
       EXPECT_GT(calls, 0U) << "not counted";
-      EXPECT_LE(calls, kTexts + arguments + (arguments > longest))
-          << testing::PrintToString(group[1].text);
+      EXPECT_LE(calls, kTexts + arguments + (arguments > longest)) << group[1].text;
       EXPECT_EQ(bench::delivered_events(), events + 1);
       longest = std::max(longest, arguments);
       group.clear();
     }
   }
-};
-
-std::string header(int serial) {
-  return "audit(1714557604.532:" + std::to_string(serial) + "): ";
-}
-
-std::string syscall_text(int serial, const std::string& key) {
-  return header(serial) +
-         "arch=c000003e syscall=59 success=yes exit=0 a0=1 a1=2 a2=3 a3=4 items=0 ppid=1 pid=2 "
-         "auid=4294967295 uid=0 gid=0 euid=0 comm=\"true\" exe=\"/usr/bin/true\" subj=unconfined "
-         "key=" +
-         key;
-}
-
-const std::string kPath = "item=0 name=\"/usr/bin/true\" inode=1 nametype=NORMAL";
-
-TEST_F(Costs, HeapIsCalledOnceForEachTextThatIsKept) {
-  expect_one_call_per_text(bench::make_bind_stream(300));
-  expect_one_call_per_text(bench::make_openat_stream(300));
-  expect_one_call_per_text(bench::make_execve_stream(1000));  // also with split arguments
-  expect_one_call_per_text(bench::make_many_arguments_stream(12));
 }
 
 TEST_F(Costs, EventsLeaveNoMemoryBehind) {
@@ -136,9 +131,6 @@ TEST_F(Costs, RecordsThatAreNotKeptCallNoHeap) {
                            {AUDIT_SYSCALL, syscall_text(4, "\"of another program\"")},
                            {AUDIT_SYSCALL, header(4) + "arch=c000003e syscall=59"},
                            {AUDIT_EXECVE, header(4) + "argc=2 a0=\"true\" a1=\"x\""},
-                           {AUDIT_SOCKADDR, header(4) + "saddr=02001F90000000000000000000000000"},
-                           {AUDIT_PATH, header(4) + kPath},
-                           {AUDIT_CONFIG_CHANGE, header(4) + "op=set audit_enabled=1 old=1 res=1"},
                            {AUDIT_USER_LOGIN, header(4) + "pid=1 uid=0 msg='op=login res=success'"},
                            {AUDIT_EOE, header(4)}};
   for (const bench::Record& record : records)
@@ -148,10 +140,9 @@ TEST_F(Costs, RecordsThatAreNotKeptCallNoHeap) {
 TEST_F(Costs, RecordsOfAGroupThatComeInARowAreFoundWithoutASearch) {
   cost_of({{AUDIT_SYSCALL, syscall_text(1, "\"bind_rule\"")}});
   EXPECT_EQ(cost_of({{AUDIT_SYSCALL, syscall_text(2, "\"execve_rule\"")}}).searches, 1U);
-  const Counts found = cost_of({{AUDIT_EXECVE, header(2) + "argc=1 a0=\"true\""},
-                                {AUDIT_CWD, header(2) + "cwd=\"/root\""},
-                                {AUDIT_PATH, header(2) + kPath}});
-  EXPECT_EQ(found.searches, 0U);
+  const Records row = {{AUDIT_EXECVE, header(2) + "argc=1 a0=\"true\""},
+                       {AUDIT_PATH, header(2) + kPath}};
+  EXPECT_EQ(cost_of(row).searches, 0U);
   EXPECT_EQ(cost_of({{AUDIT_EOE, header(2)}}).searches, 1U) << "for the user's name";
   EXPECT_EQ(cost_of({{AUDIT_EOE, header(1)}}).searches, 2U);
 }
@@ -166,7 +157,7 @@ TEST_F(Costs, RecordIsPolledForAndReceivedAndEventLooksAtPasswdOnce) {
   });
   EXPECT_EQ(busy.polls, records);
   EXPECT_EQ(busy.reads, records);
-  EXPECT_GT(bench::delivered_events(), events + 10);
+  EXPECT_GT(busy.stats, 10U);
   EXPECT_EQ(busy.stats, bench::delivered_events() - events);
   const Counts idle = cost_of([] { EXPECT_EQ(bench::run_poller(), 0); });
   EXPECT_EQ(idle.polls, 1U);
