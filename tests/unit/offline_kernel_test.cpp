@@ -166,11 +166,8 @@ TEST_F(OfflineKernel, SaysSuccessWhenAnotherMessageComesBeforeTheAcknowledgement
 
   offline::feed(1300, "audit(1.000:1): unread");
   EXPECT_EQ((Results{remove(unknown), read(), read()}), (Results{1, 1300, NLMSG_ERROR}));
-  EXPECT_GT(reply_.len, 1040) << "the acknowledgement of a failure carries the request";
   EXPECT_EQ(reply_.error->error, -ENOENT);
   EXPECT_EQ(reply_.error->msg.nlmsg_type, AUDIT_DEL_RULE);
-  offline::feed(1300, "audit(1.000:1): thrown away");
-  EXPECT_EQ(audit_is_enabled(fd_), -1) << "its own acknowledgement is in the way";
 }
 
 }  // namespace
