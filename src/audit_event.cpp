@@ -24,7 +24,7 @@ namespace {
 
 constexpr char kLogSource[] = "audit_event";
 
-constexpr std::size_t kLoginTextSize = 16;  // of user name and line in a login event
+constexpr std::size_t kLoginTextSize = 16;  // of the user name and the line in a login event
 
 // Runs the callback of one entry if its filter lets the event pass.
 void run_entry(const callback_registry& registry, std::uint16_t index, const void* event,
@@ -39,7 +39,7 @@ const char* text_or_empty(const char* text) {
   return text != nullptr ? text : "";
 }
 
-// Fills what the three system call classes have in common.
+// Fills the members that the three system call classes have in common.
 template <typename Info>
 void fill_process(Info& info, const audit_ctx& ctx) {
   info.result = ctx.exit;
@@ -59,7 +59,8 @@ void take_args(audit_ctx& ctx, qel_execve_info& info) {
   if (info.argv == nullptr) info.argc = std::min(info.argc, 0);
 }
 
-// A failed execution has no EXECVE record: what is known is who tried it and which program.
+// A failed execution has no EXECVE record. Only the command name of the caller and the program's
+// path are known.
 void take_path_as_args(audit_ctx& ctx, qel_execve_info& info) {
   info.argv = static_cast<char**>(QEL_CHECKED(std::calloc(2, sizeof(char*))));
   info.argc = 2;
@@ -81,8 +82,8 @@ int emit_execve_event(audit_ctx& ctx) {
 // ---- bind --------------------------------------------------------------------------------------
 
 int emit_bind_event(const audit_ctx& ctx) {
-  // A path that fills the address is not terminated; the zeros behind it end it for whoever prints
-  // it.
+  // A path that fills the address is not terminated. The zero bytes after the address terminate it
+  // for anyone who prints it.
   struct {
     bind_event event;
     char terminator;
@@ -134,7 +135,7 @@ int emit_user_event(passwd_entry* entry, audit_ctx*) {
   qel::copy_text(event.info.username, entry->name);
   qel::copy_text(event.info.groupname, entry->group);
 
-  // An account that came or went has no other changes to tell.
+  // Nothing else is reported about an account that was added or deleted.
   constexpr std::uint32_t kOrder[] = {QEL_USER_ADDED, QEL_USER_DELETED, QEL_USER_PASSWORD,
                                       QEL_USER_GROUP};
   for (const std::uint32_t change : kOrder) {
@@ -146,8 +147,9 @@ int emit_user_event(passwd_entry* entry, audit_ctx*) {
   return 0;
 }
 
-// The account tools open the files before they have anything to write, and write both: what is left
-// out here would only be compared twice. A change of the shadow file alone counts for usermod.
+// The account tools open both files before they have anything to write, and then write both. The
+// records that are skipped here would only cause a second comparison. For usermod, a change of the
+// shadow file alone counts.
 struct SkippedTool {
   std::string_view comm;
   bool skips_shadow;
@@ -201,8 +203,8 @@ int compare_logins(audit_ctx* ctx) {
 
 // ---- Watches -----------------------------------------------------------------------------------
 
-// A call that was refused has changed nothing. Any user can make as many of them as he likes, so
-// none has a database read.
+// A call that was refused has changed nothing. Any user can make any number of such calls, so none
+// of them causes a database to be read.
 bool was_refused(const audit_ctx& ctx) {
   return ctx.success == 0 && ctx.exit < 0;
 }
@@ -239,7 +241,7 @@ int dispatch_event(const void* event) {
   registry.ops->set_filter(event, &filter);
   registry.ops->set_key(event, &key);
 
-  // Callbacks may register more callbacks: the counts are read anew each time.
+  // Callbacks may register more callbacks, so the counts are read anew each time.
   void* found = nullptr;
   if (xhash_count(registry.buckets) != 0 && xhash_search(registry.buckets, &key, 0, &found) == 0) {
     const auto* bucket = static_cast<const key_bucket*>(found);

@@ -8,11 +8,11 @@
 
 extern "C" {
 
-// Builds and dispatches what `ctx` tells. Takes its argument list out of it. Returns 0, or -1 when
-// the context was refused, or inside a callback. Runs client callbacks.
+// Builds and dispatches the events of `ctx`. Takes the argument list out of the context. Returns 0,
+// or -1 when the context was refused or when called inside a callback. Runs client callbacks.
 QEL_API int handle_audit_event(struct audit_ctx* ctx);
 }
 
 // Runs the callbacks that are registered for the event record: those of its key, then the global
-// ones. The record stays the caller's. Returns 0, or -1 for an unknown class.
+// ones. The caller keeps the record. Returns 0, or -1 for an unknown class.
 int dispatch_event(const void* event);

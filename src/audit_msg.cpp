@@ -26,25 +26,25 @@ constexpr char kLogSource[] = "audit_msg";
 constexpr std::int64_t kContextLifetime_s = 10;
 constexpr float kScanShare = 0.05F;  // of the table, in one expiry scan
 
-// The context found last, and what all records of its group begin with,
-// "audit(SECONDS.MILLISECONDS:SERIAL):": they mostly come in a row, and need no second look at
-// their serial.
+// The context found last, and the header "audit(SECONDS.MILLISECONDS:SERIAL):" with which all
+// records of its group begin. Records of a group mostly arrive in a row, so their serial need not
+// be parsed again.
 struct Recent {
   audit_ctx* ctx;
-  std::size_t header_length;  // 0 when the record found last began otherwise
-  char header[40];            // the kernel's has 35 at most
+  std::size_t header_length;  // 0 when the last record began differently
+  char header[40];            // the kernel's header has at most 35 characters
 };
 
 struct {
   xhash_t* contexts;  // by serial; owns them
   xhash_cookie_t* scan_place;
-  audit_ctx* spare;  // the one that was freed last: mostly groups come one after the other
+  audit_ctx* spare;  // the context freed last; groups mostly come one after another
   Recent recent;
 } state;
 
 // ---- Context table -----------------------------------------------------------------------------
 
-// The serial stands for the key, and for its hash.
+// The serial is both the key and its hash.
 constexpr xhash_hash_fn audit_ctx_hash = qel::hash_number;
 constexpr xhash_compare_fn audit_ctx_compare = qel::compare_numbers;
 
@@ -93,14 +93,14 @@ audit_ctx* find_audit_ctx(std::string_view text) {
   return ctx;
 }
 
-// Room for a context.
+// Returns storage for a context. Its content is undefined.
 audit_ctx* new_audit_ctx() {
   if (state.spare != nullptr) return std::exchange(state.spare, nullptr);
   return QEL_CHECKED(static_cast<audit_ctx*>(std::malloc(sizeof(audit_ctx))));
 }
 
-// The context that a SYSCALL record of this serial fills: a new one, or the open one without what
-// the earlier records of its group had brought.
+// The context that a SYSCALL record of this serial fills: a new one, or the open one, cleared of
+// what earlier records of its group brought.
 audit_ctx* open_audit_ctx(std::uint32_t serial) {
   audit_ctx* ctx = search_ctx(serial);
   if (ctx != nullptr) {
@@ -115,7 +115,7 @@ audit_ctx* open_audit_ctx(std::uint32_t serial) {
   return ctx;
 }
 
-// Differences of 32 bits: times may be compared beyond 2038.
+// Times are compared as differences of 32 bits, which also works beyond 2038.
 bool has_passed(std::int64_t deadline, std::int64_t now) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(deadline) -
                                    static_cast<std::uint32_t>(now)) < 0;
@@ -132,12 +132,12 @@ int audit_ctx_timeout(const void* key, std::size_t key_length, void* value, void
 
 // ---- Records -----------------------------------------------------------------------------------
 
-// What a SYSCALL record says. The texts lie in the record.
+// The content of a SYSCALL record. The texts lie in the record.
 struct SyscallRecord {
   std::uint32_t arch;
   std::uint32_t syscall;
-  bool success = true;    // exit and exit_group do not return and have neither ...
-  std::int32_t exit = 0;  // ... of these two
+  bool success = true;    // records of exit and exit_group, which do not return, ...
+  std::int32_t exit = 0;  // ... lack these two fields
   std::uint64_t args[4];
   std::uint32_t ppid;
   std::uint32_t pid;
@@ -147,7 +147,7 @@ struct SyscallRecord {
   std::string_view key;
 };
 
-// Reads the fields in the kernel's order; all must be there except success and exit. Names with a
+// Reads the fields in the kernel's order; all must be present except success and exit. Names with a
 // blank in front would otherwise be found at the end of longer ones: pid in ppid, uid in auid and
 // euid.
 bool parse_syscall(std::string_view text, SyscallRecord& record) {
@@ -170,13 +170,13 @@ bool parse_syscall(std::string_view text, SyscallRecord& record) {
 const audit_rule_type* find_rule_type(const char* name) {
   const auto* type = std::find_if(
       std::begin(audit_rule_types), std::end(audit_rule_types), [name](const audit_rule_type& t) {
-        return *name == *t.name && std::strcmp(name, t.name) == 0;  // most differ at once
+        return *name == *t.name && std::strcmp(name, t.name) == 0;  // cheap check first
       });
   return type == std::end(audit_rule_types) ? nullptr : type;
 }
 
 const audit_rule_type* rule_type_of(std::string_view key_value) {
-  char key[sizeof(audit_rule_type::name)];  // what is cut here is longer than any name
+  char key[sizeof(audit_rule_type::name)];  // a key that is cut here is longer than any name
   qel::decode_field_value(key_value, key, sizeof(key));
   return find_rule_type(key);
 }
@@ -227,7 +227,7 @@ bool find_value(std::string_view text, const char (&name)[Size], std::string_vie
   return qel::FieldWalk(text).text(name, value);
 }
 
-// Only of use for an execution without arguments: one that failed.
+// The path is only needed for an execution without arguments, that is, one that failed.
 int parse_path(std::string_view text) {
   audit_ctx* ctx = find_audit_ctx(text);
   if (ctx == nullptr) return -1;
@@ -245,8 +245,8 @@ struct AddressLength {
   std::uint16_t family;
   std::size_t length;
 };
-// Lengths of whole addresses. The record has the caller's bytes with the caller's length, from
-// before the kernel looked at them.
+// Lengths of complete addresses. The record has the caller's bytes in the caller's length, captured
+// before the kernel checks them.
 constexpr AddressLength kAddressLengths[] = {{AF_UNIX, 110}, {AF_INET, 16},  {AF_APPLETALK, 16},
                                              {AF_X25, 18},   {AF_INET6, 28}, {AF_NETLINK, 12},
                                              {AF_PACKET, 20}};
@@ -286,7 +286,7 @@ int parse_execve(std::string_view text) {
   return -1;
 }
 
-// The only record that has callbacks run.
+// The end-of-event record is the only one that causes callbacks to run.
 int take_end_of_event(std::string_view text) {
   const qel::RecordScope scope;
   audit_ctx* ctx = find_audit_ctx(text);
@@ -311,14 +311,13 @@ bool has_payload(const audit_reply& reply) {
   return reply.message != nullptr && reply.len >= 0 && reply.len <= MAX_AUDIT_MESSAGE_LENGTH;
 }
 
-// A record's length is its text's, and the bytes of an earlier message follow. Only libaudit's own
-// storage is known to have room for a terminator.
+// A record's length is that of its text alone, and bytes of an earlier message may follow. Only
+// libaudit's own storage is known to have room for a terminator.
 void terminate(audit_reply& reply) {
   if (reply.message == reply.msg.data && reply.len < MAX_AUDIT_MESSAGE_LENGTH)
     reply.msg.data[reply.len] = '\0';
 }
 
-// The text of a record.
 std::string_view text_of(const audit_reply& reply) {
   return {reply.message, strnlen(reply.message, static_cast<std::size_t>(reply.len))};
 }
@@ -340,7 +339,7 @@ void audit_msg_fini() {
 }
 
 void scan_audit_ctx(std::int64_t now) {
-  if (qel::handling_record()) return;  // it might delete the context in progress
+  if (qel::handling_record()) return;  // the scan might delete the context in progress
   if (state.contexts == nullptr || xhash_count(state.contexts) == 0) return;
   xhash_walk_partial(state.contexts, state.scan_place, reinterpret_cast<void*>(now),
                      audit_ctx_timeout);
@@ -363,7 +362,8 @@ int get_audit_type(audit_ctx* ctx) {
 int handle_audit_msg(audit_reply* reply) {
   if (qel::handling_record() || !has_payload(*reply)) return -1;
   terminate(*reply);
-  // Types come first: of many records, such as CWD and PROCTITLE, no byte of the text is looked at.
+  // The type is checked first: for many records, such as CWD and PROCTITLE, no byte of the text is
+  // read.
   switch (reply->type) {
     case AUDIT_GET:
       return report_status(*reply->status);

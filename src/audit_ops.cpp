@@ -110,7 +110,7 @@ int compare_ports(const key_slot* a, const key_slot* b) {
   return a->port != b->port;
 }
 
-// The per-key tables have the address of a key slot as their key.
+// The keys of the per-key tables are addresses of key slots.
 const key_slot* slot_of(const void* key) {
   return static_cast<const key_slot*>(key);
 }
@@ -131,8 +131,8 @@ int compare_port_keys(const void* a, std::size_t, const void* b, std::size_t) {
   return compare_ports(slot_of(a), slot_of(b));
 }
 
-// As inet_ntop(3) prints it, which takes ten times as long; this is done for a log line of every
-// bind.
+// Prints as inet_ntop(3) does, which takes ten times as long. Every bind prints an address for a
+// log line.
 void print_ipv4(const char* address, char* text) {
   for (int i = 0; i < 4; ++i) {
     text = std::to_chars(text, text + 3, static_cast<unsigned char>(address[i])).ptr;
@@ -151,7 +151,7 @@ const char* argument_text(const qel_execve_info& info, int index) {
   return index < info.argc ? info.argv[index] : "";
 }
 
-// ctime(3) has no text for a year beyond its range.
+// ctime(3) returns null for a year beyond its range.
 const char* time_text(std::time_t time) {
   const char* text = ctime(&time);
   return text == nullptr ? "" : text;

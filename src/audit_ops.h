@@ -1,5 +1,5 @@
-// The five event classes as data: for each class the operations through which registry and dispatch
-// treat all classes alike, and the runner that hands an event to a client's callback.
+// The five event classes as data. Each class has the operations through which registry and dispatch
+// treat all classes alike, and the runner that passes an event to a client's callback.
 #pragma once
 
 #include <qel_audit.h>
@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-// A client's function, of its class's callback type, and the argument it gets.
+// A client's function, which has the callback type of its class, and the argument it gets.
 struct callback_pair {
   void (*function)();
   void* arg;
@@ -21,20 +21,20 @@ union key_slot {
 };
 static_assert(sizeof(key_slot) == 8);
 
-// The operations of one class. `event` is always a whole event record, `type` first.
+// The operations of one class. `event` is always a whole event record, beginning with `type`.
 struct event_class_ops {
   const char* name;
   // Text for log lines, valid until the next call.
   const char* (*filter_to_string)(const std::uint32_t* filter);
   void (*set_filter)(const void* event, std::uint32_t* filter);
-  // 0 when the filters are the same registration.
+  // Returns 0 when the filters count as the same registration.
   int (*filter_compare)(const std::uint32_t* a, const std::uint32_t* b);
-  // 0 when an event with filter value `value` passes the registered filter.
+  // Returns 0 when an event with filter value `value` passes the registered filter.
   int (*filter_match)(const std::uint32_t* registered, const std::uint32_t* value);
-  // Nonzero when the key stands for every event of the class.
+  // Returns nonzero when the key stands for every event of the class.
   int (*key_is_global)(const key_slot* key);
   const char* (*key_to_string)(const key_slot* key);
-  // 0 when the keys are equal.
+  // Returns 0 when the keys are equal.
   int (*key_compare)(const key_slot* a, const key_slot* b);
   void (*set_key)(const void* event, key_slot* key);
   void (*run)(const void* event, const callback_pair* callback);
@@ -42,8 +42,8 @@ struct event_class_ops {
 };
 static_assert(sizeof(event_class_ops) == 12 * sizeof(void*));
 
-// What xhash_create2 needs for a class's table of key buckets, whose keys are addresses of key
-// slots.
+// What xhash_create2 needs for a class's table of key buckets. The keys of that table are addresses
+// of key slots.
 struct key_hash_ops {
   xhash_release_fn release;
   xhash_hash_fn hash;
@@ -67,18 +67,18 @@ QEL_API void set_syscall_key_func(const void* event, key_slot* key);
 QEL_API void set_execve_key_func(const void* event, key_slot* key);
 QEL_API void set_bind_key_func(const void* event, key_slot* key);
 
-// Each logs one line at debug level and calls the callback with the event's `info`.
+// Each of these logs one line at debug level and calls the callback with the event's `info`.
 QEL_API void run_login_callback(const void* event, const callback_pair* callback);
 QEL_API void run_user_callback(const void* event, const callback_pair* callback);
 QEL_API void run_syscall_callback(const void* event, const callback_pair* callback);
 QEL_API void run_execve_callback(const void* event, const callback_pair* callback);
 QEL_API void run_bind_callback(const void* event, const callback_pair* callback);
 
-// The printable form of a socket address of sockaddr_storage's size: the path in place for AF_UNIX,
-// an IP address, "PORTID.GROUPS" for AF_NETLINK, "IFINDEX.PROTOCOL" for AF_PACKET, otherwise an
-// empty text. Valid until the next call.
+// The printable form of a socket address that has the size of sockaddr_storage: the path, not
+// copied, for AF_UNIX, the IP address for AF_INET and AF_INET6, "PORTID.GROUPS" for AF_NETLINK,
+// "IFINDEX.PROTOCOL" for AF_PACKET, and otherwise an empty text. Valid until the next call.
 QEL_API const char* get_socket_addr(const void* address);
 
-// The port in network byte order of an AF_INET or AF_INET6 address, otherwise 0.
+// The port of an AF_INET or AF_INET6 address, in network byte order; otherwise 0.
 QEL_API std::uint16_t get_socket_port(const void* address);
 }

@@ -25,9 +25,9 @@ namespace {
 
 constexpr char kLogSource[] = "audit_rule";
 
-constexpr std::uint32_t kBacklogLimit = 102400;  // records that the kernel keeps for a slow reader
+constexpr std::uint32_t kBacklogLimit = 102400;  // records that the kernel queues for a slow reader
 constexpr std::uint32_t kNoRateLimit = 0;
-constexpr int kLocked = 2;  // audit_is_enabled: the configuration cannot be changed until reboot
+constexpr int kLocked = 2;  // result of audit_is_enabled: no changes until reboot
 
 constexpr int kRuleFlags = AUDIT_FILTER_EXIT | AUDIT_FILTER_PREPEND;
 
@@ -37,11 +37,12 @@ constexpr std::size_t kMaxPathLength = PATH_MAX - 1;
 constexpr std::size_t kMaxNameLength = NAME_MAX;
 constexpr std::size_t kMaxPermissions = 4;
 
-// libaudit refuses a key with this result on a rule that has only a system call, until the process
-// has built a rule with a permission field.
+// libaudit returns this when a key is set on a rule that has only a system call, unless the process
+// has already built a rule with a permission field.
 constexpr int kKeyNeedsSyscallOrPermission = -19;
 
-// Rules are made, and freed, as libaudit does it: it moves them when a string field is added.
+// Rules are allocated and freed as libaudit does it, because libaudit moves them when a string
+// field is added.
 using Rule = qel::Owned<audit_rule_data>;
 
 struct State {
@@ -51,7 +52,7 @@ struct State {
   bool execve_loaded;
   bool bind_loaded;
   int syscall_count;
-  char* syscalls[kMaxSyscallRules];  // names with a loaded rule each, in order of loading; owned
+  char* syscalls[kMaxSyscallRules];  // one per loaded rule, in order of loading; owned
 };
 State state;
 
@@ -79,8 +80,8 @@ int try_fieldpair(Rule& rule, const char* pair) {
   });
 }
 
-// Builds a watch, which has a permission field, and drops it again. From then on libaudit takes keys
-// on every rule of this process. Nothing is sent.
+// Builds a watch, which has a permission field, and discards it. From then on libaudit accepts keys
+// on every rule of this process. Nothing is sent to the kernel.
 void make_libaudit_accept_keys() {
   Rule scratch = new_rule();
   with_rule_address(scratch, [](audit_rule_data** address) {
@@ -105,8 +106,9 @@ bool add_key(Rule& rule, RuleType type) {
   return add_rule_fieldpair(rule, pair);
 }
 
-// The kernel lists a rule without the prepend bit and compares flags when it looks for the one to
-// delete, so real kernels refuse a delete with the flags of the add. An unread message hides that.
+// The kernel stores a rule without the prepend bit and compares flags when it looks for the rule to
+// delete. So real kernels refuse a delete with the flags of the add. An unread message hides that
+// refusal.
 int delete_rule(audit_rule_data* rule) {
   const int result = audit_delete_rule_data(audit_fd, rule, kRuleFlags, AUDIT_ALWAYS);
   if (result >= 0 && !has_unread()) return result;
@@ -115,8 +117,8 @@ int delete_rule(audit_rule_data* rule) {
   return result >= 0 ? result : listed;
 }
 
-// When nobody knows whether the kernel has loaded the rule, it is deleted and added again: with the
-// prepend bit the kernel takes the same rule any number of times.
+// When it is unknown whether the kernel has loaded the rule, the rule is deleted and added again,
+// because the kernel accepts the same rule any number of times with the prepend bit.
 int add_rule(audit_rule_data* rule) {
   int result = audit_add_rule_data(audit_fd, rule, kRuleFlags, AUDIT_ALWAYS);
   if (result != -ENOBUFS) return result;
@@ -136,8 +138,9 @@ bool send_rule(const Rule& rule, Request request) {
 
 // ---- System call rules -------------------------------------------------------------------------
 
-// Whether events of the call carry another name. libaudit ignores case and takes numbers, too: the
-// rule would stand in front of others for the same call, and bring events that nobody asked for.
+// Whether events of the call carry another name. libaudit ignores case and also accepts numbers. A
+// rule under such a name would precede other rules for the same call and bring events that nobody
+// asked for.
 bool has_another_name(const char* name) {
   const int machine = audit_detect_machine();
   int number = audit_name_to_syscall(name, machine);
@@ -148,8 +151,8 @@ bool has_another_name(const char* name) {
   return known != nullptr && std::strcmp(known, name) != 0;
 }
 
-// Sets the call's bit in the rule. Returns what libaudit does, and -1 for a name that is not the
-// events' own.
+// Sets the call's bit in the rule. Returns libaudit's result, or -1 for a name that differs from
+// the one in events.
 int set_syscall_bit(const Rule& rule, const char* name) {
   const int result = audit_rule_syscallbyname_data(rule.get(), name);
   return result == 0 && has_another_name(name) ? -1 : result;
@@ -175,7 +178,7 @@ bool send_syscall_rule(Request request, const char* name, RuleType type) {
   return set_syscall(rule, name) && add_key(rule, type) && send_rule(rule, request);
 }
 
-// The slot of a name in the registry of loaded rules, or one past the last.
+// The slot of a name among the loaded rules, or one past the last.
 char** find_syscall(std::string_view name) {
   return std::find(state.syscalls, state.syscalls + state.syscall_count, name);
 }
@@ -225,7 +228,7 @@ bool check_path(std::string_view path) {
     QEL_ERROR("dirname or filename too long\n");
     return false;
   }
-  // These are sent all the same: the kernel takes them as they stand.
+  // Such paths are sent all the same; the kernel takes them literally.
   if (path.find("/..") != path.npos) QEL_ERROR("relative path not supported\n");
   if (path.find_first_of("*?") != path.npos) QEL_ERROR("wildcard is not supported\n");
   return true;
@@ -248,7 +251,7 @@ bool set_path(Rule& rule, std::string_view path) {
          }) == 0;
 }
 
-// The AUDIT_PERM_ bits of one letter, 0 for a letter that stands for none.
+// The AUDIT_PERM_ bit of one letter, or 0 for any other character.
 int permission_bit(char letter) {
   const auto lower = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
   const auto* found = std::find_if(std::begin(kPermissions), std::end(kPermissions),
@@ -341,7 +344,7 @@ bool switch_on() {
   return false;
 }
 
-// None of these is worth failing a start for.
+// None of these failures is worth failing a start for.
 void set_limits_and_purge() {
   if (ask_twice([] { return audit_set_rate_limit(audit_fd, kNoRateLimit); }) <= 0) {
     QEL_ERROR("audit_set_rate_limit failed\n");
@@ -350,7 +353,7 @@ void set_limits_and_purge() {
     QEL_ERROR("audit_set_backlog_limit failed\n");
   }
   if (!delete_all_audit_rules()) QEL_ERROR("delete_all_audit_rules failed\n");
-  // The answer comes through the poller.
+  // The answer arrives through the poller.
   if (audit_request_status(audit_fd) < 0) QEL_DEBUG("audit_request_status failed\n");
 }
 

@@ -1,5 +1,5 @@
-// The registered callbacks of each event class: filled by qel_audit's registration functions,
-// searched by audit_event's dispatch.
+// The registered callbacks of each event class. The registration functions of qel_audit add to
+// them, and dispatch in audit_event searches them.
 #pragma once
 
 #include <qel_audit.h>
@@ -14,15 +14,15 @@ inline constexpr int kMaxCallbacks = 4096;  // per class, so that an index fits 
 inline constexpr int kMaxCallbacksPerKey = 8;
 
 struct callback_entry {
-  key_slot key;  // texts are owned by the registry until the library is stopped
+  key_slot key;  // the registry owns texts until the library is stopped
   std::uint32_t filter;
   callback_pair callback;
 };
 static_assert(offsetof(callback_entry, filter) == 8 && offsetof(callback_entry, callback) == 16 &&
               sizeof(callback_entry) == 32);
 
-// The entries under one key, in order of registration. The per-key table owns it and has the
-// address of `key` as its key.
+// The entries under one key, in order of registration. The per-key table owns the bucket and uses
+// the address of `key` as its key.
 struct key_bucket {
   key_slot key;
   int count;
@@ -31,7 +31,8 @@ struct key_bucket {
 static_assert(offsetof(key_bucket, count) == 8 && offsetof(key_bucket, indexes) == 12 &&
               sizeof(key_bucket) == 32);
 
-// Every entry below `entry_count` stands in one place, a key's bucket or the global list.
+// Every entry below `entry_count` is in exactly one place: the bucket of its key, or the global
+// list.
 struct callback_registry {
   int entry_count;
   int global_count;

@@ -22,11 +22,12 @@ constexpr char kLogSource[] = "passwd";
 
 constexpr char kPasswdPath[] = "/etc/passwd";
 
-// Stands for the hash of an account without a shadow entry, or of all when shadow cannot be read.
+// Stands for the hash of an account without a shadow entry, and for every hash when shadow cannot
+// be read.
 constexpr char kNoPassword[] = "*nopasswd*";
 
-// What tells one state of /etc/passwd from another. Whole seconds: a rewrite within the second that
-// keeps inode and size goes unnoticed.
+// Distinguishes one state of /etc/passwd from another. Times are in whole seconds, so a rewrite
+// within the same second that keeps inode and size goes unnoticed.
 struct Stamp {
   ino_t inode;
   off_t size;
@@ -47,8 +48,8 @@ using Accounts = qel::Snapshot<passwd_entry, free_entry>;
 struct {
   Accounts current;
   Accounts fresh;    // empty between two comparisons
-  xhash_t* groups;   // group name by gid, while a snapshot is taken; owns the names
-  xhash_t* shadows;  // password hash by user name, likewise; the key has the terminator
+  xhash_t* groups;   // group name by gid while a snapshot is taken; owns the names
+  xhash_t* shadows;  // password hash by user name, likewise; keys include the terminator
   xhash_t* names;    // user name by uid; owns the names
   bool has_stamp;    // `names` was filled ...
   Stamp stamp;       // ... from this state of /etc/passwd
@@ -97,7 +98,7 @@ char* copy_of_id(std::uint32_t id) {
   return copy_of(print(id, text));
 }
 
-// The value of an entry, or null.
+// The value stored under the key, or null.
 const char* find_text(xhash_t* table, const void* key, std::size_t key_length) {
   void* text = nullptr;
   return xhash_search(table, key, key_length, &text) == 0 ? static_cast<const char*>(text)
@@ -200,9 +201,9 @@ void mark_added_and_changed() {
   });
 }
 
-// Hands out the marked records in list order and takes their marks away. Returns false when the
-// emitter wants no more: what is still marked then is offered by the next comparison, if it is
-// still known.
+// Passes the marked records to the emitter in list order and clears their marks. Returns false when
+// the emitter wants no more. Records that are still marked then are offered by the next comparison
+// if they are still known.
 bool emit_marked(Accounts& accounts, passwd_emitter emitter, audit_ctx* ctx) {
   const qel::HostScope scope;
   for (passwd_entry* entry = accounts.list.first(); entry != nullptr;

@@ -40,8 +40,8 @@ struct {
 
 // ---- Poller ------------------------------------------------------------------------------------
 
-// Expires contexts at most once every four seconds of the clock. Times are compared as differences
-// of 32 bits; a clock beyond 2038 must not keep the first scan away.
+// Expires contexts at most once every four seconds. Times are compared as differences of 32 bits; a
+// clock beyond 2038 must not prevent the first scan.
 void scan_when_due() {
   const std::int64_t now = std::time(nullptr);
   const auto left = static_cast<std::int32_t>(static_cast<std::uint32_t>(state.next_scan) -
@@ -51,8 +51,9 @@ void scan_when_due() {
   state.next_scan = std::time(nullptr) + kScanPause_s;
 }
 
-// Returns 1 when a message waits, 0 when none does, and -1 after a line when that cannot be told.
-// Uses poll(2): a busy agent has descriptors that select(2) cannot hold.
+// Returns 1 when a message is waiting and 0 when none is. When that cannot be determined, logs a
+// line and returns -1. Uses poll(2), because a busy agent has descriptors that select(2) cannot
+// handle.
 int check_readable(int fd) {
   pollfd audit = {.fd = fd, .events = POLLIN, .revents = 0};
   int ready = poll(&audit, 1, 0);
@@ -77,9 +78,10 @@ int read_message() {
   return 1;
 }
 
-// Called by the main loop over and over, also when the library is stopped: the framework cannot
-// forget a poller. Reads at most one message; returns 1 when there was one. A stop from inside a
-// callback is over when the files are looked at, and has forgotten them.
+// Called by the main loop over and over, even while the library is stopped, because the framework
+// cannot unregister a poller. Reads at most one message; returns 1 when there was one. If a
+// callback has stopped the library, the stop is complete before look_at_watches is called and has
+// already forgotten the files.
 int poll_audit(void*) {
   if (!state.started || qel::handling_record()) return 0;
   scan_when_due();
@@ -117,7 +119,7 @@ void close_registries() {
   }
 }
 
-// The parts of the library in the order of their start; stopping goes backwards.
+// The parts of the library in the order of their start; they are stopped in reverse.
 struct Part {
   int (*start)();
   void (*stop)();
@@ -134,7 +136,7 @@ constexpr Part kParts[] = {
     {passwd_init, passwd_fini},
 };
 
-// Starts one part after the other. Returns the first that failed, or the end.
+// Starts one part after another. Returns the first that failed, or the end.
 const Part* start_parts() {
   const Part* part = std::begin(kParts);
   while (part != std::end(kParts) && part->start() == 0) ++part;
@@ -188,7 +190,7 @@ bool is_same(const event_class_ops& ops, const callback_entry& entry, const Regi
          ops.filter_compare(&entry.filter, &wanted.filter) == 0;
 }
 
-// `function` is printed as an address in log lines.
+// The address of the function, for log lines.
 const void* address_of(const callback_pair& callback) {
   return reinterpret_cast<const void*>(callback.function);
 }
@@ -241,8 +243,8 @@ int add_to_bucket(callback_registry& registry, const Registration& wanted, int i
   return index;
 }
 
-// Takes the key's text over when it succeeds. Returns the index of a keyed callback, 0 for a global
-// one, -1 when it was refused.
+// Takes ownership of the key's text when it succeeds. Returns the index of a keyed callback, 0 for
+// a global one, or -1 when the callback was refused.
 int add_event_callback(const Registration& wanted) {
   callback_registry& registry = audit_cb_list[wanted.event_class];
   if (!check_not_registered(registry, wanted)) return -1;
@@ -259,7 +261,7 @@ int add_event_callback(const Registration& wanted) {
 // ---- Registration ------------------------------------------------------------------------------
 
 // A kernel rule that a registration needs; only system call rules have a name. `add` returns 1 when
-// it loaded the rule, 0 when it was loaded before, -1 when it failed.
+// it loaded the rule, 0 when the rule was already loaded, and -1 when it failed.
 struct NeededRule {
   int (*add)(const char* name);
   void (*remove)(const char* name);
@@ -277,8 +279,8 @@ constexpr NeededRule kBind = {[](const char*) { return audit_add_bind_rule(); },
                               [](const char*) { audit_del_bind_rule(); }};
 constexpr NeededRule kSyscall = {audit_add_syscall_rule, audit_del_syscall_rule};
 
-// The rules that one registration has loaded itself. They are taken back, in the order of loading,
-// unless the registration succeeds.
+// The rules that this registration itself has loaded. They are deleted again, in the order of
+// loading, unless the registration succeeds.
 class LoadedRules {
  public:
   explicit LoadedRules(const char* name) : name_(name) {}

@@ -37,7 +37,7 @@ bool is_running() {
   return state.current.table != nullptr && state.fresh.table != nullptr;
 }
 
-// A text member of a record, which fills its array when it is not terminated.
+// A text member of a record. A text that fills its array is not terminated.
 template <std::size_t Size>
 std::string_view text_of(const char (&member)[Size]) {
   return {member, strnlen(member, Size)};
@@ -49,8 +49,8 @@ const wtmp_entry& entry_of(const void* key) {
   return *static_cast<const wtmp_entry*>(key);
 }
 
-// Process ids and times often rise together, and what they have in common would cancel out in a
-// plain XOR. So one of the two is spread over all bits first, by an odd multiplier.
+// Process ids and times often rise together, and their common bits would cancel out in a plain XOR.
+// So the process id is first spread over all bits by an odd multiplier.
 std::uint32_t hash_login(const void* key, std::size_t) {
   constexpr std::uint32_t kSpread = 0x85EBCA6B;
   const struct utmp& ut = entry_of(key).ut;
@@ -66,10 +66,10 @@ int compare_logins(const void* a, std::size_t, const void* b, std::size_t) {
 
 // ---- Matching logins with their ends ------------------------------------------------------------
 
-// The ends met on the way from the newest record to the oldest, until a login takes them: found by
-// line, and of one line the one met last. The time of a start or end of the system replaces those
-// of all ends met before it; only a count is kept for that, so that a log with many of both is read
-// in one pass.
+// The ends met on the way from the newest record to the oldest, until a login takes them. They are
+// found by line; a line's most recently met end is taken first. The time of a start or end of the
+// system replaces the times of all ends met before it. Only a count is kept for that, so that a log
+// with many of both is read in one pass.
 class PendingEnds {
  public:
   PendingEnds() : lines_(xhash_create2(free_line, hash_line, compare_lines, 1)) {}
@@ -108,10 +108,10 @@ class PendingEnds {
   struct End {
     End* before;
     std::int64_t time;
-    std::uint64_t boots;  // how many there were when it was met
+    std::uint64_t boots;  // value of boots_ when this end was met
   };
   struct Line {
-    char name[sizeof(utmp::ut_line)];  // the key of its table
+    char name[sizeof(utmp::ut_line)];  // the key in the table
     End* last;
   };
 
@@ -144,7 +144,7 @@ class PendingEnds {
   std::int64_t boot_time_ = 0;
 };
 
-// Starts and ends of the system and of its run levels stand on this line.
+// Starts and ends of the system and of its run levels have this line.
 bool is_system_record(const struct utmp& ut) {
   return text_of(ut.ut_line) == "~";
 }
@@ -158,8 +158,8 @@ bool is_end(const struct utmp& ut) {
   return ut.ut_user[0] == '\0' || ut.ut_type == LOGIN_PROCESS || ut.ut_type == DEAD_PROCESS;
 }
 
-// Leaves only the logins in the list, newest first, each with the time at which the nearest later
-// end on its line, or else the nearest later system record, ended it.
+// Leaves only the logins in the list, newest first. Each gets the time at which it was ended by the
+// nearest later end on its line or, without one, by the nearest later system record.
 void match_logins_with_ends(Logins& logins) {
   PendingEnds ends;
   std::int64_t last_boot = kNever;
@@ -216,14 +216,14 @@ struct UserText {
   }
 };
 struct TimeText {
-  char text[32];  // ctime_r(3) wants 26
+  char text[32];  // ctime_r(3) needs 26
   explicit TimeText(std::time_t time) {
     if (ctime_r(&time, text) == nullptr) text[0] = '\0';
   }
 };
 
-// More than half of the known logins are gone: the log was rotated or cut, and what it holds now is
-// not news.
+// Whether more than half of the known logins are gone. Then the log was rotated or cut, and its
+// present content is not news.
 bool is_replaced() {
   unsigned long missing = 0;
   state.current.walk([&missing](const wtmp_entry& entry) {
@@ -267,7 +267,7 @@ void mark_logins() {
   });
 }
 
-// Oldest first, as in the file.
+// Emits the marked logins, oldest first, as in the file.
 void emit_marked(wtmp_emitter emitter, audit_ctx* ctx) {
   if (emitter == nullptr) return;
   const qel::HostScope scope;

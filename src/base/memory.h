@@ -1,6 +1,6 @@
-// Memory of the library: malloc(3) storage, because clients and contexts own it as C does, and one
-// way out when there is none: a line at level 0 and exit(0), so that no caller handles a null
-// pointer.
+// Memory of the library. It is malloc(3) storage, because clients and contexts own it as C does.
+// When it is exhausted, the process logs a line at level 0 and ends with exit(0), so no caller has
+// to handle a null pointer.
 #pragma once
 
 #include <cstdlib>
@@ -46,8 +46,8 @@ inline char* copy_of(std::string_view text) {
   return copy;
 }
 
-// Fills the character field of an event with `text`, cut to fit. Does what str_snprintf's "%s" does
-// without parsing a format: three of these make up every event.
+// Fills the character field of an event with `text`, cut to fit. Does what str_snprintf does for
+// "%s", but saves the time for parsing a format: every event needs about three of these copies.
 template <std::size_t Size>
 void copy_text(char (&field)[Size], const char* text, std::size_t limit = Size) {
   std::size_t length = 0;

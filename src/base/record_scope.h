@@ -1,12 +1,12 @@
-// What callbacks and emitters of the host may do while the library is at work below them. A stop
-// that they ask for is put off until the record being handled is finished, because it frees the
-// contexts, snapshots and registries that the code below them still uses. Exported functions that
-// would change those are refused.
+// What callbacks and emitters of the host may do while the library is at work further up the call
+// stack. A stop that they request is put off until the record being handled is finished, because it
+// frees the contexts, snapshots and registries that their callers still use. Exported functions
+// that would change those are refused.
 #pragma once
 
 namespace qel {
 
-// The state that RecordScope keeps; nobody else touches it.
+// The state behind the scopes; nothing outside this module touches it.
 struct RecordState {
   int depth;
   int host_depth;
@@ -16,8 +16,8 @@ extern RecordState record_state;
 
 void run_what_was_put_off();
 
-// Held by every function that may run client callbacks. They nest; the outermost one carries out
-// what was put off when it ends, so it must be the first object of its function.
+// Held by every function that may run client callbacks. Scopes nest. When the outermost one ends,
+// it carries out what was put off, so it must be the first object of its function.
 class RecordScope {
  public:
   RecordScope() { ++record_state.depth; }
@@ -28,7 +28,7 @@ class RecordScope {
   RecordScope& operator=(const RecordScope&) = delete;
 };
 
-// Held while a function of the host runs.
+// Held while a callback or emitter of the host runs.
 class HostScope {
  public:
   HostScope() { ++record_state.host_depth; }
@@ -42,18 +42,18 @@ inline bool handling_record() {
   return record_state.depth > 0;
 }
 
-// Whether a function of the host runs.
+// Whether a callback or emitter of the host is running.
 inline bool in_host_function() {
   return record_state.host_depth > 0;
 }
 
-// Has `action` called when the record being handled is finished, once however often it was asked
-// for.
+// Has `action` called once when the record being handled is finished, however often this is
+// requested.
 inline void after_record(void (*action)()) {
   record_state.put_off = action;
 }
 
-// Whether something was put off.
+// Whether an action is waiting for the end of the record.
 inline bool has_put_off() {
   return record_state.put_off != nullptr;
 }

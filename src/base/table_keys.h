@@ -1,4 +1,4 @@
-// Keys of hash tables. Of a number the value itself, widened to a pointer, stands for the key.
+// Keys of hash tables. A numeric key is the number itself, widened to a pointer.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,8 @@ inline int compare_numbers(const void* a, std::size_t, const void* b, std::size_
   return a == b ? 0 : 1;
 }
 
-// The hash of a text: seed 5318, times 33 plus byte, terminator included.
+// The hash of a text: starting from 5318, the hash times 33 plus the next byte, terminator
+// included.
 inline std::uint32_t hash_text(const char* text) {
   std::uint32_t hash = 5318;
   do {

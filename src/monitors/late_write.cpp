@@ -18,7 +18,7 @@ constexpr std::int64_t kLookPause_ns = kSecond_ns / 10;
 
 constexpr std::uint32_t kNoProcess = UINT32_MAX;
 
-// What the comparison and its events need of the opener's context.
+// The parts of the opener's context that the comparison and its events need.
 struct Opener {
   std::int32_t ruletype;
   std::uint32_t pid;
@@ -27,8 +27,8 @@ struct Opener {
 };
 
 struct Watched {
-  FileIdentity before;  // what the file was just before it was last read
-  bool pending;         // the rest counts only then
+  FileIdentity before;  // the state of the file just before it was last read
+  bool pending;         // the other members below are valid only when set
   Opener opener;
   std::int64_t next_look_ns;  // times of CLOCK_MONOTONIC
   std::int64_t last_look_ns;
@@ -69,8 +69,8 @@ std::int64_t now_ns() {
   return now.tv_sec * kSecond_ns + now.tv_nsec;
 }
 
-// The context of a call that succeeded, as far as it is remembered. Its command name stays the
-// opener's.
+// The context of a successful call, as far as it is remembered. `opener` still owns the command
+// name.
 audit_ctx context_of(Opener& opener) {
   audit_ctx ctx = {};
   ctx.ruletype = opener.ruletype;
@@ -100,7 +100,7 @@ void look_at(File index, std::int64_t now, int (*handle)(audit_ctx* ctx)) {
   const bool changed = !is_same(identity_of(index), file.before);
   if (changed || is_last) file.pending = false;
   if (!changed) return;
-  Opener opener = file.opener;  // the comparison remembers anew in the same place
+  Opener opener = file.opener;  // the comparison overwrites the remembered opener
   audit_ctx ctx = context_of(opener);
   handle(&ctx);
 }

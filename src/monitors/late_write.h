@@ -1,10 +1,10 @@
-// Late writes: a watch fires when a file is opened for writing, and its end-of-event record is
+// Late writes. A watch fires when a file is opened for writing, and its end-of-event record is
 // often handled before the program has written anything; no further event follows. So after each
-// comparison for a watch context the file is looked at again for a while, and compared once more
-// when it has changed.
+// comparison for a watch context, and after each refused call, the file is checked for a while.
+// When it has changed, it is compared once more.
 //
-// Event assembly remembers contexts; the poller looks; start and stop call the first and the last
-// function.
+// Event assembly remembers contexts, and the poller does the checks. Start calls the first function
+// and stop the last.
 #pragma once
 
 #include <sys/types.h>
@@ -14,7 +14,7 @@
 
 namespace qel {
 
-// What tells one state of a file from another; all zero for a file that is not there.
+// Distinguishes one state of a file from another; all zero for a missing file.
 struct FileIdentity {
   dev_t device;
   ino_t inode;
@@ -22,24 +22,24 @@ struct FileIdentity {
   timespec modified;
 };
 
-// To be called before the first snapshots are taken: notes what the watched files are.
+// Notes the present states of the watched files. Call this before the first snapshots are taken.
 void note_watched_files();
 
-// Of the file whose watch gave the context, as it is now.
+// The present state of the file whose watch produced the context.
 FileIdentity watched_file(const audit_ctx& ctx);
 
-// Has the context's file looked at for 10 seconds from now. `before` is what the file was just
-// before the comparison read it. A later opener of the same file takes this one's place, and a
-// comparison that a look brings begins the 10 seconds anew.
+// Has the context's file checked for 10 seconds from now. `before` is the state of the file just
+// before the comparison read it. A later opener of the same file replaces this one, and a
+// comparison that a check causes begins the 10 seconds anew.
 void remember_opener(const audit_ctx& ctx, const FileIdentity& before);
 
-// The same for a call that was refused. It has written nothing, so it never takes an opener's place
-// or adds to its time, and what a look finds is not put down to it.
+// The same for a call that was refused. Such a call has written nothing. So it never replaces an
+// opener or extends an opener's time, and a change that a check finds is not attributed to it.
 void remember_refused(const audit_ctx& ctx);
 
-// Looks at the remembered files, ten times a second at most, and hands the context of each one that
-// is not what it was before its last comparison to `handle`, which may remember it anew. Costs
-// nothing, not even a system call, when there are none.
+// Checks the remembered files, at most ten times a second. Passes the context of each file that has
+// changed since just before its last comparison to `handle`, which may remember the context again.
+// When no file is remembered, this costs nothing, not even a system call.
 void look_at_watches(int (*handle)(audit_ctx* ctx));
 
 void forget_watches();

@@ -1,5 +1,6 @@
-// A snapshot of a database: its records in a list, in the database's order, and a table that finds
-// them by key. The two monitors keep one of what is known and take a fresh one for each comparison.
+// A snapshot of a database: its records in a list, in the order of the database, and a table that
+// finds them by key. Each of the two monitors keeps one snapshot of the known state and takes a
+// fresh one for each comparison.
 #pragma once
 
 #include <qel_base.h>
@@ -8,7 +9,7 @@
 
 #include "base/log.h"
 
-// How records stand in their list, which is circular and has a head of its own.
+// The links of a record in its list, which is circular and has a head of its own.
 struct list_links {
   list_links* next;
   list_links* prev;
@@ -28,14 +29,14 @@ class EntryList {
   void append(Entry* entry) { insert(entry, head_.prev); }
   void prepend(Entry* entry) { insert(entry, &head_); }
 
-  // Takes an entry out, which then is the caller's.
+  // Takes an entry out of the list. The caller then owns it.
   static Entry* take(Entry* entry) {
     entry->links.prev->next = entry->links.next;
     entry->links.next->prev = entry->links.prev;
     return entry;
   }
 
-  // The first or last entry, and an entry's neighbours: null where there is none.
+  // The first or last entry, and the neighbours of an entry; null where there is none.
   Entry* first() { return entry_at(head_.next); }
   Entry* last() { return entry_at(head_.prev); }
   Entry* after(Entry* entry) { return entry_at(entry->links.next); }
@@ -66,7 +67,7 @@ class EntryList {
     behind->next = &entry->links;
   }
 
-  // Takes the other list's entries over; this list must be empty.
+  // Takes over the entries of the other list. This list must be empty.
   void take_all(EntryList& other) {
     if (other.head_.next == &other.head_) return;
     head_ = other.head_;
@@ -78,8 +79,8 @@ class EntryList {
   list_links head_ = {&head_, &head_};
 };
 
-// The table has the record as key and as value and owns nothing. Of records with equal keys it has
-// the later one; the list has them all.
+// The table uses the record both as key and as value, and owns nothing. When records have equal
+// keys, the table has the last one; the list has them all.
 template <typename Entry, void (*Free)(Entry*)>
 struct Snapshot {
   EntryList<Entry, Free> list;

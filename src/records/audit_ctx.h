@@ -1,15 +1,16 @@
-// The records of one audited system call, gathered under their serial: filled by audit_msg and its
-// parsers, read by audit_event and by what remembers an opener.
+// The records of one audited system call, gathered under their serial. audit_msg and its parsers
+// fill the context; audit_event and late_write read it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
 // One open group of records. Owns `path`, `key`, `comm`, `argv` and the texts in `argv`, all of
-// them malloc(3) storage. Other modules read it; event assembly may move texts out.
+// them malloc(3) storage. Other modules only read it, except that event assembly may move texts
+// out.
 struct audit_ctx {
   std::int64_t deadline;  // expires when this time, in seconds since the epoch, has passed
-  std::uint32_t msgtype;  // of the record that opened it: AUDIT_SYSCALL
+  std::uint32_t msgtype;  // type of the record that opened it: AUDIT_SYSCALL
   std::int32_t ruletype;  // id in audit_rule_types
   std::uint32_t serial;
   std::uint32_t arch;  // AUDIT_ARCH_ value of linux/audit.h
@@ -21,17 +22,17 @@ struct audit_ctx {
   std::uint32_t pid;
   std::uint32_t uid;
   std::uint32_t gid;
-  alignas(8) std::uint8_t sockaddr[128];  // zero until a valid AUDIT_SOCKADDR record has come
-  char* path;  // of the first AUDIT_PATH record of an execution without arguments, or null
+  alignas(8) std::uint8_t sockaddr[128];  // zero until a valid AUDIT_SOCKADDR record has arrived
+  char* path;  // from the first AUDIT_PATH record of an execution without arguments, or null
   char* key;
   char* comm;
   // The program arguments. Slots below arg_index are filled. While arg_left is above 0, slot
-  // arg_index is a buffer in which a split argument is put together from pieces.
+  // arg_index is a buffer in which a split argument is assembled from its pieces.
   std::int32_t arg_index;
   std::int32_t arg_left;    // characters of the split argument that are still to come
   std::int32_t arg_offset;  // where its next piece goes
-  std::int32_t arg_parts;   // pieces that have come
-  std::int32_t argc;  // slots of argv; 0 until the count has come, negative when it was refused
+  std::int32_t arg_parts;   // pieces that have arrived
+  std::int32_t argc;        // slots of argv; 0 until the count arrives, negative when refused
   char** argv;
 };
 static_assert(offsetof(audit_ctx, ruletype) == 12 && offsetof(audit_ctx, arch) == 20 &&

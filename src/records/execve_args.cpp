@@ -15,19 +15,19 @@
 #include "base/memory.h"
 #include "records/record_text.h"
 
-// The kernel writes "argc=N a0=... a1=...", each argument quoted or as hexadecimal digits. One that
-// does not fit its record is announced as "aN_len=LENGTH", the number of characters it is written
-// with, quotes not counted, and comes as "aN[0]=... aN[1]=...", in as many records as it takes.
+// The kernel writes "argc=N a0=... a1=...", with each argument quoted or as hexadecimal digits. An
+// argument that does not fit into its record is announced as "aN_len=LENGTH", the length of its
+// written form without quotes. It follows as "aN[0]=... aN[1]=...", in as many records as it takes.
 // Every field is found by plain substring search for the slot that is to be filled next.
 //
-// The work for a record grows with its length and hardly faster, whatever it holds: fields out of
+// The work for a record grows about linearly with its length, whatever it holds: fields out of
 // order are found in one pass and sorted.
 
 namespace {
 
 constexpr char kLogSource[] = "audit_msg";
 
-// What one program may take up. The kernel's own limit for one argument is 128 KiB.
+// Limits for one program. The kernel's own limit for one argument is 128 KiB.
 constexpr std::int32_t kMaxArguments = 40000;
 constexpr std::int32_t kMaxSplitLength = 32768;
 
@@ -35,17 +35,17 @@ constexpr std::int32_t kNoIndex = std::numeric_limits<std::int32_t>::max();
 constexpr std::string_view kArgc = "argc=";
 constexpr std::string_view kLength = "_len=";
 
-// The array of a list that was freed. Memory for long arrays comes from the part of glibc's heap
-// that first merges all small free blocks: those of thousands of argument texts, which the next
-// list then has to cut out again.
+// The array of a list that was freed, kept for the next list. glibc takes memory for long arrays
+// from the part of its heap that first merges all small free blocks. Those are the blocks of
+// thousands of argument texts, which the next list would have to split off again.
 char** spare_array;
 
-// The number of slots that fit the block (malloc_usable_size(3)).
+// The number of slots that fit into the block (malloc_usable_size(3)).
 std::size_t room_of(char** array) {
   return malloc_usable_size(array) / sizeof(char*);
 }
 
-// Gives an array of null pointers.
+// Returns an array of null pointers.
 char** new_array(std::size_t size) {
   if (room_of(spare_array) < size) free_spare_args();
   char** array = std::exchange(spare_array, nullptr);
@@ -71,7 +71,7 @@ std::int32_t to_int32(std::string_view decimal) {
 }
 
 // Reads a decimal number as printf(3) writes it, without a sign or leading zeros. Returns kNoIndex
-// for anything else, and for ten digits and more.
+// for anything else, and for numbers of ten digits or more.
 std::int32_t read_index(const char*& at, const char* end) {
   constexpr std::ptrdiff_t kMaxDigits = 9;
   const char* const from = at;
@@ -86,8 +86,8 @@ std::int32_t read_index(const char*& at, const char* end) {
   return static_cast<std::int32_t>(index);
 }
 
-// Steps over a number as scanf(3)'s "%d" reads it: behind blanks and a sign. Returns null when
-// there are no digits.
+// Steps over a number as scanf(3)'s "%d" reads it, including leading blanks and a sign. Returns
+// null when there are no digits.
 const char* skip_number(const char* at, const char* end) {
   at = std::find_if_not(at, end, qel::is_blank);
   if (at != end && (*at == '+' || *at == '-')) ++at;
@@ -95,11 +95,11 @@ const char* skip_number(const char* at, const char* end) {
   return behind == at ? nullptr : behind;
 }
 
-// A word that may be an argument's: "a", a number and a separator.
+// A word that may begin an argument's field: "a", a number and a separator.
 struct Word {
-  char separator = '\0';          // 0 when it is not
-  std::int32_t index = kNoIndex;  // when the number is written as the kernel does
-  const char* behind = nullptr;   // behind the separator
+  char separator = '\0';          // 0 when the word is no such field
+  std::int32_t index = kNoIndex;  // set when the number is written as the kernel does
+  const char* behind = nullptr;   // the place after the separator
 };
 
 Word read_word(const char* at, const char* end) {
@@ -114,8 +114,8 @@ Word read_word(const char* at, const char* end) {
   return word;
 }
 
-// What stands before the argument of a slot: "aN=". Nearly every argument follows the one before
-// it, and comparing with the name is less work than reading the number.
+// The text before the argument of a slot: "aN=". Nearly every argument directly follows the
+// previous one, and comparing with the expected name is less work than reading the number.
 class ExpectedName {
  public:
   explicit ExpectedName(std::int32_t slot) {
@@ -162,7 +162,7 @@ class ExpectedName {
 // A field of a record, ordered by slot, piece and place.
 struct Field {
   std::int32_t slot;
-  std::int32_t piece;  // 0 of what has no pieces
+  std::int32_t piece;  // 0 for a field without pieces
   const char* value;
 
   bool operator<(const Field& other) const {
@@ -170,7 +170,8 @@ struct Field {
   }
 };
 
-// Steps back over a number that ends at `at`, but not before `from`. Returns it, or kNoIndex.
+// Steps back over a number that ends at `at`, but not before `from`. Returns the number, or
+// kNoIndex.
 std::int32_t step_back_number(const char* from, const char*& at) {
   const char* const end = at;
   while (at != from && qel::is_decimal(at[-1])) --at;
@@ -186,7 +187,8 @@ bool step_back_text(const char* from, const char*& at, std::string_view text) {
   return true;
 }
 
-// Each reads one kind of name backwards from its "=". Returns whether there is such a name.
+// Each of these reads one kind of name backwards from its "=". Returns whether there is such a
+// name.
 bool read_whole(const char* from, const char* at, Field& field) {
   field.slot = step_back_number(from, at);
   return field.slot != kNoIndex && step_back_text(from, at, "a");
@@ -202,17 +204,17 @@ bool read_piece_name(const char* from, const char* at, Field& field) {
   return field.piece != kNoIndex && step_back_text(from, at, "[") && read_whole(from, at, field);
 }
 
-// All fields of one kind in the rest of a record. Only needed where the next word is not the field
-// that is to come next: after lost records, or in a hostile record. Slots, pieces and places that
-// are asked for only grow, so that what was stepped over is never needed again.
+// All fields of one kind in the rest of a record. This is only needed when the next word is not the
+// field that is expected next: after lost records, or in a hostile record. Slots, pieces and places
+// that are asked for only grow, so a field that was stepped over is never needed again.
 class OddFields {
  public:
   using ReadName = bool (*)(const char* from, const char* at, Field& field);
 
   explicit OddFields(ReadName read_name) : read_name_(read_name) {}
 
-  // The first field that is not less than `wanted` and whose value stands behind that place, or
-  // null.
+  // The first field that is not less than `wanted` and whose value lies after the place of
+  // `wanted`, or null.
   const Field* first_from(const Field& wanted, const char* end) {
     if (fields_ == nullptr) collect(wanted.value, end);
     while (next_ != end_ && (*next_ < wanted || next_->value <= wanted.value)) ++next_;
@@ -269,8 +271,8 @@ class ArgumentReader {
     return true;
   }
 
-  // Reads arguments as long as they come in order, each behind one blank. Returns whether there was
-  // one.
+  // Reads arguments as long as they come in order, each after one blank. Returns whether it read
+  // any.
   bool read_run() {
     const std::int32_t first = ctx_.arg_index;
     for (ExpectedName name(first); ctx_.arg_index < ctx_.argc && name.stands_at(at_, end_);
@@ -298,7 +300,7 @@ class ArgumentReader {
     if (word.separator == '=') {
       read_argument(word);
     } else {
-      skip_word();  // a piece of an argument that was cut
+      skip_word();  // a further piece of an argument that was cut short
     }
     return true;
   }
@@ -322,8 +324,8 @@ class ArgumentReader {
     return true;
   }
 
-  // Looks for the field of the slot to fill, or of the first slot behind it that has one in the
-  // rest of the record; the slots in between stay without text. Returns the place of its value, or
+  // Looks for the field of the slot to fill, or of the nearest later slot that has one in the rest
+  // of the record. The slots in between get empty texts. Returns the place of the field's value, or
   // null when no slot has one.
   const char* skip_to_argument(OddFields& fields) {
     const Field* field = fields.first_from({ctx_.arg_index, 0, at_}, end_);
@@ -344,8 +346,7 @@ class ArgumentReader {
     if (ctx_.arg_left <= 0) finish_split();
   }
 
-  // The place of the value of the piece that comes next, or null when the rest of the record has
-  // none.
+  // The place of the value of the next piece, or null when the rest of the record has none.
   const char* piece_behind(const Word& word) {
     if (word.index == ctx_.arg_index) {
       const char* at = word.behind;
@@ -358,10 +359,10 @@ class ArgumentReader {
     return found ? field->value : nullptr;
   }
 
-  // Appends a piece, cut to the announced length. Pieces are put together in their written form: a
-  // quoted argument keeps its opening quote, and each piece overwrites the closing quote of the one
-  // before. Room: the buffer has arg_left + 3 bytes at first, and from then on never less than
-  // arg_left + 2 behind arg_offset.
+  // Appends a piece, cut to the announced length. Pieces are joined in their written form: a quoted
+  // argument keeps its opening quote, and each piece overwrites the closing quote of the previous
+  // one. The buffer has arg_left + 3 bytes at first, and from then on there are never fewer than
+  // arg_left + 2 bytes from arg_offset on.
   void add_piece(std::string_view piece) {
     const bool first = ctx_.arg_parts == 0;
     const std::int32_t quotes = piece.starts_with('"') ? 1 : 0;
@@ -384,7 +385,7 @@ class ArgumentReader {
         static_cast<char*>(QEL_CHECKED(std::malloc(static_cast<std::size_t>(ctx_.arg_left) + 3)));
   }
 
-  // A text is never longer than the form it was written in, so it takes the buffer's place.
+  // A text is never longer than its written form, so it can replace that form in the buffer.
   void finish_split() {
     char* const text = ctx_.argv[ctx_.arg_index];
     const auto length = static_cast<std::size_t>(ctx_.arg_offset);
@@ -392,7 +393,8 @@ class ArgumentReader {
     fill_slot(text);
   }
 
-  // Another argument's field came before the last piece: what has come stays, as it was written.
+  // Another argument's field came before the last piece: the pieces so far stay, in their written
+  // form.
   void abandon_split() {
     ctx_.arg_left = 0;
     char* const written = ctx_.argv[ctx_.arg_index];

@@ -16,13 +16,13 @@ const char* skip_blanks(const char* at, const char* end) {
   return std::find_if_not(at, end, is_blank);
 }
 
-// Takes a sign off the front; true for a minus.
+// Takes a sign off the front. Returns true for a minus.
 bool take_sign(const char*& at, const char* end) {
   if (at == end || (*at != '+' && *at != '-')) return false;
   return *at++ == '-';
 }
 
-// Takes digits off the front. A number that does not fit becomes the largest, with or without a
+// Takes digits off the front. A number that does not fit becomes the largest one, whatever its
 // sign.
 std::uint64_t take_digits(const char*& at, const char* end, unsigned base, bool negative) {
   constexpr std::uint64_t kLargest = std::numeric_limits<std::uint64_t>::max();
@@ -55,7 +55,7 @@ bool scan_character(const char*& at, const char* end, char expected) {
   return true;
 }
 
-// Reads what stands between the parentheses, with the manners of scanf(3)'s "%*u.%*u:%u".
+// Reads the text between the parentheses as scanf(3)'s "%*u.%*u:%u" would.
 bool scan_stamp(std::string_view stamp, std::uint32_t& serial) {
   const char* at = stamp.data();
   const char* const end = at + stamp.size();
@@ -67,8 +67,8 @@ bool scan_stamp(std::string_view stamp, std::uint32_t& serial) {
   return true;
 }
 
-// Takes decimal digits off the front. Returns how many; the number is right when there are at most
-// ten.
+// Takes decimal digits off the front. Returns how many there were; the number is right when there
+// are at most ten.
 std::ptrdiff_t take_plain_digits(const char*& at, const char* end, std::uint64_t& number) {
   const char* const from = at;
   number = 0;
@@ -97,15 +97,15 @@ bool is_hexadecimal(std::string_view value) {
   return value.empty() || (value.front() != '"' && value.front() != '(');
 }
 
-// What stands behind the opening character of a value, up to the closing one if there is one.
+// The part of a value after its opening character, up to the closing one if there is one.
 std::string_view inside(std::string_view value) {
   const char closing = value.front() == '"' ? '"' : ')';
   value.remove_prefix(1);
   return value.substr(0, value.find(closing));
 }
 
-// Whether a name of three letters, without its "=", stands right before `equals` and not before
-// `from`.
+// Whether a name of three letters, without its "=", lies right before `equals` and does not begin
+// before `from`.
 bool stands_before(const char* equals, const char* from, const char (&name)[4]) {
   return equals - from >= 3 && std::memcmp(equals - 3, name, 3) == 0;
 }

@@ -1,9 +1,10 @@
 // Reading the text of an audit record: header, fields, numbers and encoded values.
 //
-// Pure functions of a text and a place in it; nothing is logged, kept or changed. A field is found
-// by plain substring search for its name, and its value runs to the next space. The kernel writes
-// fields in a fixed order, each behind one space, so the next field is first looked for right where
-// the last one ended, and searched for only when it is not there: a record is walked about once.
+// These are pure functions of a text and a place in it; they log, keep and change nothing. A field
+// is found by plain substring search for its name, and its value ends at the next space. The kernel
+// writes fields in a fixed order, each after one space. So the next field is first looked for right
+// where the last one ended, and searched for only when it is not there. A record is therefore read
+// about once.
 #pragma once
 
 #include <cstddef>
@@ -17,33 +18,33 @@
 namespace qel {
 
 // Reads the serial of "audit(SECONDS.MILLISECONDS:SERIAL)". Returns whether there is a readable
-// one. `header` becomes the front of the text up to the colon behind the parenthesis, when the text
-// begins as the kernel writes it, and is empty otherwise: two records with the same header have the
-// same serial.
+// one. When the text begins as the kernel writes it, `header` becomes the front of the text up to
+// and including the colon after the parenthesis; otherwise it is empty. Two records with the same
+// header have the same serial.
 bool parse_serial(std::string_view text, std::uint32_t& serial, std::string_view& header);
 
-// Converts as strtoull(3) does: leading blanks, a sign, a prefix for base 16 and base 0, digits up
-// to the first other character; the largest number when it does not fit and 0 when there are no
-// digits.
+// Converts as strtoull(3) does: leading blanks, a sign, a prefix for base 16 and base 0, and digits
+// up to the first other character. A number that does not fit gives the largest one; no digits give
+// 0.
 std::uint64_t to_number(std::string_view value, int base);
 
-// Decodes pairs of hexadecimal digits from the start of `source` into at most `room` bytes; an odd
-// last digit is left out. Returns the number of bytes. Nothing is terminated.
+// Decodes pairs of hexadecimal digits from the start of `source` into at most `room` bytes. An odd
+// last digit is ignored. Returns the number of bytes. No terminator is written.
 std::size_t decode_hex(std::string_view source, void* destination, std::size_t room);
 
-// Stores the text that a value stands for: what is inside the quotes or parentheses, or the bytes
-// that hexadecimal digits encode. Terminates it and cuts it to `room` bytes, at least 1, the
-// terminator included. The destination may be the value's own place.
+// Stores the text that a value stands for: the part inside quotes or parentheses, or the bytes that
+// hexadecimal digits encode. Terminates it and cuts it to `room` bytes, which must be at least 1
+// and include the terminator. The destination may be the place of the value itself.
 void decode_field_value(std::string_view value, char* destination, std::size_t room);
 
-// The same as a new text in malloc(3) storage. Null when memory is exhausted.
+// The same, as a new text in malloc(3) storage. Returns null when memory is exhausted.
 char* decode_field_value(std::string_view value);
 
-// The place of the first `name` at or behind `from`, or null.
+// The place of the first `name` at or after `from`, or null.
 const char* find_field(const char* from, const char* end, std::string_view name);
 
-// The place of the first "key=" at or behind `from` that is not part of the value of "exe=", or
-// null. The kernel writes exe before key and leaves "=" as it is, so a program's path could pose as
+// The place of the first "key=" at or after `from` that is not part of the value of "exe=", or
+// null. The kernel writes exe before key and does not escape "=", so a program's path could pose as
 // a key.
 const char* find_key(const char* from, const char* end);
 
@@ -65,8 +66,8 @@ bool stands_at(const char* at, const char* end, const char (&literal)[Size]) {
 }
 
 // Walks the fields of a record from left to right. Each reader looks for its field, whose name is a
-// literal, behind the value of the last one found, and leaves its result and the place alone when
-// there is none.
+// literal, after the value of the last field found. When there is none, it leaves its result and
+// the place unchanged.
 class FieldWalk {
  public:
   explicit FieldWalk(std::string_view text) : at_(text.data()), end_(at_ + text.size()) {}
@@ -103,8 +104,8 @@ class FieldWalk {
     return take_value(name == nullptr ? nullptr : name + std::strlen("key="), value);
   }
 
-  // Steps over a field that is of no use, if it comes next. Its value cannot hold what is looked
-  // for next, whose name must begin with a blank.
+  // Steps over an unneeded field if it comes next. Its value cannot match the name looked for next,
+  // which must begin with a blank.
   template <std::size_t Size>
   void skip(const char (&name)[Size]) {
     if (const char* value = find_next(name)) at_ = end_of_value(value, end_);
@@ -135,7 +136,7 @@ class FieldWalk {
     return true;
   }
 
-  // Digits up to the space are read by hand; anything else has strtoull's manners.
+  // Digits up to the space are read here; anything else is converted as strtoull(3) does.
   template <int Base, typename Number>
   bool number(const char* from, Number& result) {
     if (from == nullptr) return false;
@@ -153,8 +154,8 @@ class FieldWalk {
     return true;
   }
 
-  // Reads digits at `from`. Returns how many: 0 also near the end of the text, where sixteen
-  // characters cannot be looked at.
+  // Reads digits at `from`. Returns how many there are. Returns 0 near the end of the text as well,
+  // where sixteen characters cannot be read.
   unsigned hex_digits(const char* from, std::uint64_t& number) const {
     if (end_ - from < kSixteen) return 0;
     const HexDigits digits = read_hex_digits(from);
@@ -162,7 +163,7 @@ class FieldWalk {
     return digits.count;
   }
 
-  // The same for decimal digits, of which it reads only as many as are sure to fit.
+  // The same for decimal digits. Reads only as many digits as are sure to fit.
   unsigned decimal_digits(const char* from, std::uint64_t& number) const {
     constexpr std::ptrdiff_t kSafeDigits = 19;
     const char* const last = end_ - from > kSafeDigits ? from + kSafeDigits : end_;

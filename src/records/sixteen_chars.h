@@ -1,6 +1,6 @@
-// Sixteen characters of a text at a time. Nearly every value of a record is shorter, and values of
-// all lengths come in a row: a plain loop costs several instructions a character and ends with a
-// branch that processors guess wrong.
+// Reading sixteen characters of a text at a time. Nearly every value of a record is shorter than
+// that, and values of all lengths follow each other. A plain loop would cost several instructions
+// per character and end with a branch that processors mispredict.
 #pragma once
 
 #include <endian.h>
@@ -25,7 +25,7 @@ inline constexpr std::ptrdiff_t kSixteen = 16;
 // What hexadecimal digits at the front of sixteen characters stand for.
 struct HexDigits {
   unsigned count;
-  std::uint8_t bytes[8];  // of the pairs of digits; of an odd last one the upper half
+  std::uint8_t bytes[8];  // one per pair of digits; an odd last digit fills the upper half
 };
 
 #ifdef __SSE2__
@@ -78,7 +78,7 @@ inline HexDigits read_hex_digits(const char* at) {
 
 #endif
 
-// The number that the digits stand for, of which there must be one at least.
+// The number that the digits stand for. There must be at least one digit.
 inline std::uint64_t number_of(const HexDigits& digits) {
   std::uint64_t word;
   std::memcpy(&word, digits.bytes, sizeof(word));

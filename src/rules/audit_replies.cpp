@@ -19,12 +19,13 @@ constexpr std::int64_t kDiscardTime_ms = 1000;
 constexpr std::int64_t kExchangeTime_ms = 10'000;
 constexpr std::int64_t kNever_ms = std::numeric_limits<std::int64_t>::max();
 
-// libaudit waits for a status for four seconds; what it refuses sooner has been answered.
+// libaudit waits up to four seconds for a status. A failure that comes sooner means that an answer
+// arrived.
 constexpr std::int64_t kAnswered_ms = 1000;
 
 struct {
   bool overrun;
-  std::int64_t end_ms = kNever_ms;  // of the exchange; like all times here of CLOCK_MONOTONIC
+  std::int64_t end_ms = kNever_ms;  // of the exchange; CLOCK_MONOTONIC, like all times here
 } state;
 
 std::int64_t now_ms() {
@@ -33,8 +34,8 @@ std::int64_t now_ms() {
   return now.tv_sec * std::int64_t{1000} + now.tv_nsec / 1'000'000;
 }
 
-// Waits for something to read; a signal does not make the wait longer. Returns whether a read is
-// worth trying, which it also is when the time is up: a failed wait is not.
+// Waits for something to read; a signal does not prolong the wait. Returns whether a read is worth
+// trying. It is also worth trying after a timeout, but not after a failed wait.
 bool wait_for_message() {
   pollfd audit = {.fd = audit_fd, .events = POLLIN, .revents = 0};
   const std::int64_t end_ms = now_ms() + kReplyWait_ms;
@@ -115,8 +116,8 @@ bool has_unread() {
   return poll(&audit, 1, 0) > 0 && (audit.revents & POLLIN) != 0;
 }
 
-// Where records come as fast as they are read the socket does not get empty, but then there is room
-// in it most of the time.
+// When records arrive as fast as they are read, the socket never becomes empty, but it has room
+// most of the time.
 void discard_waiting() {
   audit_reply reply;
   const std::int64_t deadline_ms = std::min(now_ms() + kDiscardTime_ms, state.end_ms);
@@ -144,15 +145,15 @@ void read_replies(std::uint32_t sequence, TakeReply take, void* argument) {
       if (take(reply, argument)) return;
       deadline_ms = now_ms() + kReplyTimeout_ms;
     } else if (now_ms() > deadline_ms) {
-      note_overrun();  // it was dropped: only a full socket makes the kernel do that
+      note_overrun();  // the reply was dropped, which the kernel does only when the socket is full
       return;
     }
   }
 }
 
-// audit_is_enabled looks at forty messages at most, and gives up on an acknowledgement that is left
-// over from audit_set_pid, which it then has read: hence the second try. Records that the kernel
-// kept while there was no receiver can be more.
+// audit_is_enabled looks at no more than forty messages. It also gives up on an acknowledgement
+// that is left over from audit_set_pid, but has read it by then, hence the second try. The records
+// that the kernel kept while there was no receiver can be more than forty.
 int ask_enabled() {
   const std::int64_t asked_ms = now_ms();
   int enabled = audit_is_enabled(audit_fd);

@@ -1,9 +1,9 @@
 // What the kernel answers on the audit socket: results of requests, and replies among the records.
 //
-// The socket can overrun: when its receive buffer is full the kernel drops what it has for us,
-// answers too, and nothing more gets in until everything has been read. The next read then gives
-// ENOBUFS, once. The rule and connection code asks here what a result means, and whether answers
-// may be missing.
+// The socket can overrun. When its receive buffer is full, the kernel drops messages for this
+// process, answers included, and nothing more gets in until everything has been read. The next read
+// then fails once with ENOBUFS. The rule and connection code asks this module what a result means
+// and whether answers may be missing.
 #pragma once
 
 #include <libaudit.h>
@@ -12,12 +12,12 @@
 #include <cerrno>
 #include <cstdint>
 
-// One start or one stop, while it lives. All waits of this module during it together take ten
-// seconds at most, so that a main loop is never held up for longer.
+// An object of this class lives for the duration of one start or one stop. In that time all waits
+// of this module together take at most ten seconds, so that a main loop is never held up for
+// longer.
 //
-// Signals are blocked meanwhile, except for those that a fault of the thread itself raises:
-// libaudit begins each of its waits anew after a signal, and waits for ever where they come often
-// enough.
+// Signals are blocked meanwhile, except those that a fault of the thread itself raises. libaudit
+// restarts each of its waits after a signal, and would wait forever if signals came often enough.
 class KernelExchange {
  public:
   KernelExchange();
@@ -32,25 +32,26 @@ class KernelExchange {
 // Whether the ten seconds are over.
 bool is_time_up();
 
-// To be called for a new connection: it has not overrun. Asks the kernel for room for some thousand
-// records that come while nobody reads, which is what a new receiver gets from a busy machine; the
-// usual room is for less than a hundred. A process without CAP_NET_ADMIN gets no more than
-// net.core.rmem_max.
+// Call this for a new connection; it clears the note of an overrun. Asks the kernel for a receive
+// buffer that holds some thousands of records. A new receiver on a busy machine gets that many
+// while nobody reads, and the usual buffer holds fewer than a hundred. A process without
+// CAP_NET_ADMIN gets at most net.core.rmem_max.
 void prepare_socket();
 
-// What a request's result says. ENOBUFS is about the socket: libaudit met it while it looked for
-// the answer. The kernel has carried the request out or refused it by then, and which of the two is
-// as little known as when a record stands before the answer, where libaudit says success.
+// What a request's result means. ENOBUFS concerns the socket: libaudit met it while looking for the
+// answer. By then the kernel has either carried out or refused the request, and which of the two is
+// unknown. The same holds when a record precedes the answer, where libaudit reports success. So
+// this notes an overrun and returns 1 for ENOBUFS, and returns any other result unchanged.
 int outcome_of(int result);
 
-// To be called when a read of the socket gave ENOBUFS.
+// Call this when a read of the socket failed with ENOBUFS.
 void note_overrun();
 
-// Whether the socket has overrun since the connection was made or discard_waiting was called.
+// Whether the socket has overrun since prepare_socket or discard_waiting was last called.
 bool has_overrun();
 
-// Makes a request that may be made again, once more where the first outcome is not known. Returns
-// the result, and 1 when that is not known either.
+// Makes a repeatable request, and makes it once more when the first outcome is unknown. Returns the
+// result, or 1 when the second outcome is unknown too.
 template <typename Ask>
 int ask_twice(Ask ask) {
   const int result = ask();
@@ -59,26 +60,27 @@ int ask_twice(Ask ask) {
   return outcome_of(ask());
 }
 
-// Deletes a rule with flags as the kernel lists them, likewise: when it is not there the second
-// time, it is gone. Returns libaudit's result.
+// Deletes a rule with flags as the kernel lists them, and tries once more when the first outcome is
+// unknown. A rule that the second try does not find was deleted by the first. Returns libaudit's
+// result.
 int delete_listed_rule(audit_rule_data* rule, int flags, int action);
 
-// Whether a message waits. While one does, libaudit says success for every request: it does not
-// look behind the message for the answer.
+// Whether a message is waiting. As long as one is, libaudit reports success for every request,
+// because it does not look for the answer after that message.
 bool has_unread();
 
-// Reads what waits, for a second at most. It is lost.
+// Reads and drops all waiting messages, for a second at most.
 void discard_waiting();
 
-// Hands a reply to `take`, which returns true when it needs no more.
+// Receives a reply; returns true when it needs no more.
 using TakeReply = bool (*)(const audit_reply& reply, void* argument);
 
-// Reads until `take` has all of the replies to the request `sequence`. Records that arrive
-// meanwhile are lost. Gives up after 40 reads in a row without a message (39 after a message), 100
-// ms each. Also gives up, and notes an overrun, when for 4 seconds none of the messages that keep
-// coming was a reply, or when the exchange has no time left.
+// Reads replies to the request `sequence` until `take` needs no more. Records that arrive meanwhile
+// are lost. Gives up after 40 reads in a row without a message (39 after a message), each of which
+// waits 100 ms. Also gives up, and notes an overrun, when messages keep coming but none has been a
+// reply for 4 seconds, or when the exchange has no time left.
 void read_replies(std::uint32_t sequence, TakeReply take, void* argument);
 
 // The kernel's enabled state: 0 off, 1 on, 2 locked until the next boot; negative when it cannot be
-// had.
+// determined.
 int ask_enabled();

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr std::uint32_t kOperatorMask = 0xF8000000;  // of a field flags word; the rest is the field
+constexpr std::uint32_t kOperatorMask = 0xF8000000;  // the other bits of a word are the field
 constexpr int kMaxSyscalls = AUDIT_BITMASK_SIZE * 32;
 
 struct PermissionLetter {
@@ -20,7 +20,7 @@ constexpr PermissionLetter kPermissionLetters[] = {{AUDIT_PERM_READ, 'r'},
                                                    {AUDIT_PERM_EXEC, 'x'},
                                                    {AUDIT_PERM_ATTR, 'a'}};
 
-// A name of libaudit's, or the number where it has none.
+// libaudit's name for a number, or the number itself when libaudit has none.
 class NameOrNumber {
  public:
   NameOrNumber(const char* name, std::uint32_t number) : name_(name) {
@@ -33,14 +33,14 @@ class NameOrNumber {
   char number_[12];
 };
 
-// What the fields printed so far say about the rest of the line.
+// What the fields printed so far determine for the rest of the line.
 struct Line {
-  std::string_view strings;   // what is left of the rule's string values, in field order
-  std::uint32_t arch = 0;     // of an arch field
+  std::string_view strings;   // the rule's remaining string values, in field order
+  std::uint32_t arch = 0;     // value of an arch field
   bool show_syscalls = true;  // a permission field stands for the system calls it covers
 };
 
-// Takes the next string value; one that runs past the end of the rule is cut there.
+// Takes the next string value. A value that runs past the end of the rule is cut there.
 std::string_view take_string(Line& line, std::uint32_t length) {
   const std::string_view text = line.strings.substr(0, length);
   line.strings.remove_prefix(text.size());
@@ -68,7 +68,7 @@ void print_permissions(std::uint32_t bits) {
   }
 }
 
-// SELinux labels of subject and object, whose values are strings.
+// Whether the field is an SELinux label of subject or object. The values of labels are strings.
 bool is_label(std::uint32_t field) {
   return field >= AUDIT_SUBJ_USER && field <= AUDIT_OBJ_LEV_HIGH && field != AUDIT_PPID;
 }
@@ -92,7 +92,7 @@ void print_named_field(const char* name, const char* symbol, std::uint32_t field
   }
 }
 
-// Whether the number of a field's value, or for these its length, is not worth showing.
+// Whether a field's numeric value is not worth showing. For fields with strings it is a length.
 bool hides_number(std::uint32_t field) {
   return (field >= AUDIT_SUBJ_USER && field <= AUDIT_SUBJ_CLR) || field == AUDIT_WATCH ||
          field == AUDIT_PERM || field == AUDIT_FILTERKEY;

@@ -19,7 +19,7 @@ namespace {
 
 constexpr char kLogSource[] = "audit_rule";
 
-constexpr int kMaxPurges = 10;  // of a socket that overruns each time
+constexpr int kMaxPurges = 10;  // when the socket overruns each time
 
 using Rule = qel::Owned<audit_rule_data>;
 
@@ -40,7 +40,7 @@ class ListedRules {
     tail_ = &entry->next;
   }
 
-  // The first rule, no longer in the list, or null.
+  // Takes the first rule out of the list. Returns null when the list is empty.
   Rule pop() {
     if (head_ == nullptr) return nullptr;
     const qel::Owned<Entry> entry(head_);
@@ -58,8 +58,7 @@ class ListedRules {
   Entry** tail_ = &head_;
 };
 
-// A copy of a listed rule, or null when the length that it gives for its strings is not in the
-// reply.
+// A copy of a listed rule, or null when its string length exceeds what a reply can hold.
 Rule copy_rule(const audit_rule_data& listed) {
   constexpr std::size_t kMaxStrings = MAX_AUDIT_MESSAGE_LENGTH - sizeof(audit_rule_data);
   if (listed.buflen > kMaxStrings) return nullptr;
@@ -80,7 +79,7 @@ bool take_listed(const audit_reply& reply, void* argument) {
     case NLMSG_DONE:
       return true;
     case NLMSG_ERROR:
-      if (reply.error->error == 0) return false;  // the request's acknowledgement
+      if (reply.error->error == 0) return false;  // the acknowledgement of the request
       QEL_ERROR("receiving rules list failed: %s\n", strerror(-reply.error->error));
       collection.refused = true;
       return true;
@@ -105,9 +104,9 @@ bool delete_rules(ListedRules& rules) {
   return true;
 }
 
-// Returns the request's sequence number, which an overrun that is noticed now would hide. The
-// second request cannot notice one: an overrun socket is quiet about it until it has been read
-// empty.
+// Returns the sequence number of the request. An overrun that this call reports would hide it, so
+// the request is repeated. The repeated request cannot report another one: an overrun is reported
+// only once until the socket has been read empty.
 int request_list() {
   const int sequence = audit_request_rules_list_data(audit_fd);
   if (sequence != -ENOBUFS) return sequence;
@@ -126,13 +125,13 @@ bool delete_listed_rules() {
   if (collection.refused) return false;
   QEL_DEBUG("begin deleting old rules\n");
   const bool deleted = delete_rules(collection.rules);
-  std::fflush(stdout);  // what was deleted must be known even if the process ends badly
+  std::fflush(stdout);  // the deletions must be known even if the process crashes
   return deleted;
 }
 
 }  // namespace
 
-// After an overrun a part of the list may have been dropped, so it is asked for again.
+// After an overrun, part of the list may have been dropped, so the list is requested again.
 bool delete_all_audit_rules() {
   for (int purge = 0; purge < kMaxPurges; ++purge) {
     if (has_overrun()) discard_waiting();

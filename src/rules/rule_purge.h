@@ -2,7 +2,7 @@
 #pragma once
 
 // Deletes every rule that the kernel has, whoever loaded it, and prints a line for each on standard
-// output: a rule without one of our keys only makes records that nobody reads, and rules of an
-// earlier run would load twice. Returns false when the list could not be had or a rule could not be
-// deleted; the rules before that one are gone then.
+// output. A rule without one of this library's keys only produces records that nobody reads, and
+// rules of an earlier run would be loaded twice. Returns false when the list could not be read or a
+// rule could not be deleted; the rules before that one are gone by then.
 bool delete_all_audit_rules();

@@ -1,5 +1,5 @@
-// The rule types. audit_rule puts their names into kernel rules as keys, and audit_msg finds them
-// again in records.
+// The rule types. audit_rule uses their names as the keys of kernel rules, and audit_msg recognises
+// them in records.
 #pragma once
 
 #include <qel_audit.h>
@@ -14,8 +14,8 @@ struct audit_rule_type {
 };
 static_assert(offsetof(audit_rule_type, name) == 4 && sizeof(audit_rule_type) == 68);
 
-// The ids of audit_rule_types. No rule of this library carries kLastloginRule's or kFakeloginRule's
-// key.
+// The ids of audit_rule_types. No rule that this library loads has the key of kLastloginRule or
+// kFakeloginRule.
 enum RuleType : std::int32_t {
   kPasswdRule,
   kShadowRule,
