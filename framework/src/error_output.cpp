@@ -1,5 +1,5 @@
-// The agent's log: one line per message on standard error. Called by every module, and with the
-// last words of a process whose memory is exhausted: nothing here depends on the heap.
+// The agent's log: one line per message on standard error. Every module calls it, and so does a
+// process that ends because memory is exhausted. So nothing here depends on the heap.
 #include <time.h>
 #include <unistd.h>
 
@@ -23,16 +23,16 @@ namespace {
 
 // Holds nearly every line; longer ones take memory from the heap.
 constexpr size_t kStackRoom = 4096;
-// Of time, level, source and line; a longer source is cut.
+// Holds time, level, source and line; a longer source is cut.
 constexpr size_t kPrefixRoom = 160;
 constexpr std::array<const char*, 5> kLevelNames = {"fatal", nullptr, "error", "notice", "debug"};
 
 struct LogState {
-  std::optional<int> threshold;  // empty until it is needed or set
+  std::optional<int> threshold;  // empty until first needed or set
 };
 LogState log_state;
 
-// Room for a text. When the heap refuses more, it stays as it is and the text is cut.
+// Storage for a text. When the heap refuses more, the storage keeps its size and the text is cut.
 class Text {
  public:
   void make_room(size_t size) {
@@ -121,7 +121,8 @@ std::string_view compose_line(Text& text, std::string_view prefix, std::string_v
   return {text.room().data(), used + 1};
 }
 
-// One write, which keeps the lines of several processes apart; more only when it was interrupted.
+// Makes one write, so that the lines of several processes stay apart. Makes more only when a write
+// was interrupted or incomplete.
 void write_line(std::string_view line) {
   while (!line.empty()) {
     const ssize_t written = write(STDERR_FILENO, line.data(), line.size());

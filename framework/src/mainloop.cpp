@@ -12,9 +12,9 @@
 
 namespace {
 
-// A poller cannot say what it waits for, so the loop has to look. It does often enough that nothing
-// waits for more than ten milliseconds, sleeping too long included; that takes a hundred rounds a
-// second, well below a hundredth of a CPU.
+// A poller cannot say what it waits for, so the loop has to poll. It polls often enough that
+// nothing waits for more than ten milliseconds, even when a sleep takes too long. That is about a
+// hundred rounds a second, well below a hundredth of a CPU.
 constexpr int kMinPause_ms = 1;
 constexpr int kMaxPause_ms = 9;
 
@@ -30,10 +30,10 @@ struct MainLoop {
 };
 MainLoop main_loop;
 
-// A signal handler may only touch atomics without a lock.
+// A signal handler may only touch lock-free atomics.
 static_assert(std::atomic<bool>::is_always_lock_free);
 
-// By index: a poller may register another, which moves the list.
+// Iterates by index, because a poller may register another, which moves the list.
 bool run_round() {
   bool busy = false;
   for (size_t i = 0; i < main_loop.pollers.size(); ++i) {
@@ -47,7 +47,7 @@ int next_pause_ms(int pause_ms) {
   return std::clamp(2 * pause_ms, kMinPause_ms, kMaxPause_ms);
 }
 
-// Not repeated when a signal ends it: that signal may have requested the stop.
+// The sleep is not resumed when a signal ends it, because that signal may have requested the stop.
 void pause_for(int pause_ms) {
   const struct timespec pause = {.tv_sec = 0, .tv_nsec = pause_ms * 1'000'000L};
   nanosleep(&pause, nullptr);

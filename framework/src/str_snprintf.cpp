@@ -1,4 +1,5 @@
-// Bounded formatting whose result is what was stored, not what would have been.
+// Bounded formatting that returns the number of characters stored, not the number that an unlimited
+// buffer would have taken.
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>

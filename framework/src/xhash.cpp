@@ -1,15 +1,15 @@
 // Keyed hash tables.
 //
-// The entries lie without gaps in one array; buckets and chains name them by their index, 32 bits
-// wide. An insertion appends, a deletion moves the last entry into the hole, so the cost of an
-// operation does not depend on the table's size and memory is taken only when the arrays double.
-// They keep their size until the table is cleared.
+// The entries lie without gaps in one array; buckets and chains refer to them by their index, which
+// has 32 bits. An insertion appends, and a deletion moves the last entry into the hole. So the cost
+// of an operation does not depend on the table's size, and memory is allocated only when the arrays
+// double. They keep their size until the table is cleared.
 //
-// Walks go down the array. The entries that a round through the table has yet to visit are then
-// those below its position, and a deletion cannot move one of them behind it: what fills a hole
-// comes from the end of the array, and lies below the position only when nothing else is left.
-// So every entry that is stored when a round starts is visited in it, whatever is deleted and
-// inserted meanwhile. A walk never keeps a reference into the array across a visit.
+// Walks go down the array. The entries that a round through the table has yet to visit are
+// therefore those below its position. A deletion cannot move one of them above it: the entry that
+// fills a hole comes from the end of the array, which lies below the position only when nothing
+// else is left. So every entry that is stored when a round starts is visited in it, whatever is
+// deleted and inserted meanwhile. A walk never keeps a reference into the array across a visit.
 #include <algorithm>
 #include <bit>
 #include <cmath>
@@ -45,15 +45,15 @@ struct xhash {
   xhash_release_fn release;
   xhash_hash_fn hash;
   xhash_compare_fn compare;
-  bool copies_keys;                    // into arrays of char that the entries own
+  bool copies_keys;                    // into arrays of char, which the entries own
   std::vector<Entry> entries = {};     // its capacity is at least the number of buckets
   std::vector<uint32_t> buckets = {};  // none, or a power of two not below the number of entries
-  int bucket_shift = 0;                // leaves the bucket's number of a mixed hash
+  int bucket_shift = 0;                // shift that turns a mixed hash into a bucket number
 };
 
 struct xhash_cookie {
   double share;              // 0 to 1
-  uint32_t unvisited = 0;    // the entries below this index are still to be visited in this round
+  uint32_t unvisited = 0;    // entries below this index are unvisited in this round
   bool interrupted = false;  // a visit ended the last walk
 };
 
@@ -119,7 +119,7 @@ void double_room(xhash& table) {
   for (uint32_t index = 0; index < count_of(table); ++index) put_in_chain(table, index);
 }
 
-// The bucket or `next` that names the entry with this key; null without such an entry.
+// The bucket or `next` that refers to the entry with this key; null when there is no such entry.
 uint32_t* find_link(xhash& table, uint32_t hash, const void* key, size_t key_length) {
   if (table.entries.empty()) return nullptr;
   for (uint32_t* link = &bucket_of(table, hash); *link != kNone;) {
@@ -160,8 +160,8 @@ void release_entry(const xhash& table, const Entry& entry) {
   if (table.copies_keys) delete[] static_cast<const char*>(entry.key);
 }
 
-// The old key of an opaque table may lie inside the old value, so it must go too. A copied key is
-// equal byte for byte and stays.
+// The old key of an opaque table may lie inside the old value, so it must be replaced too. A copied
+// key is equal byte for byte and stays.
 void replace(const xhash& table, Entry& entry, const void* key, size_t key_length, void* value) {
   void* const old_value = entry.value;
   entry.value = value;
@@ -177,8 +177,8 @@ struct Visitor {
   void* argument;
 };
 
-// Visits up to `quota` entries below `position` and leaves in it where it stopped. Returns false
-// when a visit ended the walk.
+// Visits up to `quota` entries below `position` and sets `position` to where it stopped. Returns
+// false when a visit ended the walk.
 bool walk_down(const xhash& table, uint32_t& position, uint32_t quota, const Visitor& visitor) {
   for (; quota > 0; --quota) {
     position = std::min(position, count_of(table));
@@ -249,9 +249,9 @@ void xhash_cookie_destroy(xhash_cookie_t* cookie) {
   delete cookie;
 }
 
-// A table that one call covers is walked from its top, without regard to the cookie, unless a visit
-// ended the last walk: walking from there, a deletion could move an entry from the part still to be
-// visited into the part behind.
+// A table that one call covers is walked from its top, and the cookie is ignored, unless a visit
+// ended the last walk. If such a walk began at the cookie's place, a deletion could move an entry
+// from the unvisited part into the visited one.
 void xhash_walk_partial(xhash_t* table, xhash_cookie_t* cookie, void* argument,
                         xhash_visit_fn visit) {
   const Visitor visitor = {visit, argument};
@@ -275,7 +275,8 @@ uint32_t xhash_count(xhash_t* table) {
   return count_of(*table);
 }
 
-// The entries leave the table first, so that a release function finds it in order.
+// The entries leave the table first, so that a release function finds the table in a consistent
+// state.
 void xhash_clear(xhash_t* table) {
   std::vector<Entry> removed;
   removed.swap(table->entries);
