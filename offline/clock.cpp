@@ -1,6 +1,6 @@
 // The settable clock. Sanitizer runtimes and the test framework call these functions before main
-// and from inside memory allocation: nothing here allocates, locks or looks up symbols, and the
-// real calls are raw system calls.
+// and from inside memory allocation. So nothing here allocates, locks or looks up symbols, and the
+// kernel is reached with raw system calls.
 
 // The fortified headers define poll themselves.
 #undef _FORTIFY_SOURCE
@@ -32,7 +32,7 @@ struct Clock {
 
 constinit Clock clock_state;
 
-// Processor time clocks measure work, not time: they are never set.
+// Clocks of processor time measure work, so they are never set.
 bool is_settable(clockid_t id) {
   return id == CLOCK_REALTIME || id == CLOCK_REALTIME_COARSE || id == CLOCK_MONOTONIC ||
          id == CLOCK_MONOTONIC_COARSE || id == CLOCK_MONOTONIC_RAW || id == CLOCK_BOOTTIME;

@@ -1,10 +1,10 @@
-// A clock that a test sets, and a poll(2) that does not wait for it.
+// A clock that a test sets, and a poll(2) that does not really wait.
 //
-// Linked into an executable, this library defines time, clock_gettime and poll for it and for the
-// shared libraries it loads. While no clock is set they ask the kernel, as ever. While one is set,
-// time() and the clocks for wall, monotonic and boot time stand still at it, and a poll with a
-// positive timeout and nothing ready moves the clock on by the timeout instead of waiting. A poll
-// without timeout still waits.
+// Linked into an executable, this library defines time, clock_gettime and poll for the executable
+// and for the shared libraries that it loads. While no clock is set, they ask the kernel as usual.
+// While one is set, time() and the wall, monotonic and boot clocks stand still at it. A poll with a
+// positive timeout and nothing ready then advances the clock by the timeout instead of waiting. A
+// poll without a timeout still waits.
 #pragma once
 
 #include <chrono>
@@ -13,15 +13,16 @@
 namespace offline {
 
 void set_clock(std::time_t seconds);
-// The clock has to be set.
+// The clock must be set.
 void advance_clock(std::chrono::nanoseconds by);
-// From now on each look at the clock moves it on by `by`, and each interrupted poll as well: for code
-// that waits until a time has come.
+// From now on each reading of the clock advances it by `by`, and so does each poll that is made to
+// fail. For code that waits until some time is reached.
 void set_clock_tick(std::chrono::nanoseconds by);
-// Back to the kernel's clocks and poll; forgets the tick, planned failures and the count of polls.
+// Returns to the kernel's clocks and poll. Forgets the tick, the planned failures and the count of
+// polls.
 void release_clock();
 
-// The next `times` calls of poll fail with this errno.
+// The next `times` calls of poll fail with this errno value.
 void fail_poll(int errno_value, unsigned times = 1);
 // Calls of poll since the clock was last released.
 unsigned poll_calls();

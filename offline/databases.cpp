@@ -34,7 +34,7 @@ const char* real_path(const char* path) {
   return found != redirections.end() ? found->second.c_str() : path;
 }
 
-// The entry that a walk comes to next, or null at the end.
+// The next entry of a walk, or null at the end.
 template <typename Entry>
 Entry* next_of(std::vector<Entry>& entries, Walk& walk) {
   return walk.next < entries.size() ? &entries[walk.next++] : nullptr;
@@ -98,7 +98,7 @@ void write_wtmp(const std::string& path, const std::vector<struct utmp>& records
 using offline::databases;
 using offline::walks;
 
-// The functions that start, go on with and end a walk through one database.
+// The functions that start, continue and end a walk through one database.
 #define QEL_TAKE_OVER(suffix, entry, rows, walk)    \
   void set##suffix() {                              \
     walk = {walk.started + 1, walk.ended, 0};       \

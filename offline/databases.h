@@ -1,7 +1,7 @@
-// Account and login databases in memory and in files of a program's own.
+// Account and login databases in memory and in a program's own files.
 //
-// Linked into an executable, this library defines the passwd, shadow and group enumerations, utmpname
-// and stat, so that the machine's databases are never read.
+// Linked into an executable, this library defines the passwd, shadow and group enumerations,
+// utmpname and stat, so that the databases of the machine are never read.
 #pragma once
 
 #include <sys/types.h>
@@ -31,7 +31,8 @@ struct Group {
   gid_t gid;
 };
 
-// What the enumerations yield, in this order. Empty ones stand for databases that cannot be read.
+// The entries of the enumerations, in order. An empty one stands for a database that cannot be
+// read.
 struct Databases {
   std::vector<Account> passwd;
   std::vector<Shadow> shadow;
@@ -39,7 +40,7 @@ struct Databases {
 };
 extern Databases databases;
 
-// How often an enumeration was started and ended, and where it stands.
+// How often an enumeration was started and ended, and its position.
 struct Walk {
   int started, ended;
   std::size_t next;
@@ -49,20 +50,20 @@ struct Walks {
 };
 extern Walks walks;
 
-// The file that stands behind a path of the machine, for stat and utmpname: such as a test's own
-// file for "/var/log/wtmp". Without one, the three watched files are not there (ENOENT).
+// Makes stat and utmpname use the file `to` in place of `path`, such as a test's own file in place
+// of "/var/log/wtmp". Without a redirection, the three watched files do not exist (ENOENT).
 void redirect(const std::string& path, const std::string& to);
 
 // How often stat was called for a watched or redirected path.
 extern int stat_calls;
 
-// Has utmpname fail until further notice.
+// Makes utmpname fail, or work again.
 void fail_utmpname(bool fails);
 
-// Empty databases, no redirections, counts at zero.
+// Empties the databases, removes the redirections and sets the counts to zero.
 void reset_databases();
 
-// A wtmp record. `user` and `line` are cut to their 32 bytes and not terminated when they fill
+// A wtmp record. `user` and `line` are cut to their 32 bytes and are not terminated when they fill
 // them.
 struct utmp utmp_record(short type, pid_t pid, const std::string& line, const std::string& user,
                         std::int32_t time_s, const std::string& address = "0.0.0.0");

@@ -1,5 +1,5 @@
-// The audit kernel in memory: its settings, the queue of messages for the receiver, and the calls of
-// libaudit that reach it.
+// The audit kernel in memory: its settings, the queue of messages for the receiver, and the calls
+// of libaudit that reach it.
 #include "offline_kernel.h"
 
 #include <dlfcn.h>
@@ -31,7 +31,7 @@ constexpr std::uint32_t kFirstOwnSerial = 4000000001;
 constexpr std::uint32_t kBootBacklogLimit = 64;
 constexpr std::uint32_t kBacklogWaitTime = 15000;  // 60 s in ticks of a 250 Hz kernel
 
-// The types whose payload libaudit 3.0.9 makes accessible; all other replies get a null pointer.
+// The types for which libaudit 3.0.9 sets the payload pointer; for all others it is null.
 struct TypeRange {
   int first;
   int last;
@@ -71,7 +71,7 @@ bool exists_here(const std::string& path) {
 struct Kernel {
   bool on = false;
 
-  // All descriptors share one event counter, so each is readable exactly while messages wait.
+  // All descriptors share one event counter, so that each is readable exactly while messages wait.
   std::vector<int> sockets;
   bool shown_readable = false;
   std::deque<std::string> queue;  // datagrams
@@ -125,7 +125,7 @@ std::optional<int> take_failure(Call call) {
   return failure.result;
 }
 
-// Counts the call; has a value when it is to fail.
+// Counts the call. Returns a value when the call is to fail.
 std::optional<int> begin_call(Call call) {
   ++kernel.calls[static_cast<std::size_t>(call)];
   const std::optional<int> result = take_failure(call);
@@ -137,7 +137,7 @@ bool is_socket(int fd) {
   return std::find(kernel.sockets.begin(), kernel.sockets.end(), fd) != kernel.sockets.end();
 }
 
-// As begin_call, for a request: the descriptor has to be open as well.
+// Like begin_call, for a request, which also needs an open descriptor.
 std::optional<int> begin_request(Call call, int fd) {
   const std::optional<int> result = begin_call(call);
   if (result) return result;
@@ -172,7 +172,7 @@ void queue_datagram(nlmsghdr header, std::string_view payload, std::size_t paddi
   show_readiness();
 }
 
-// A reply's length counts the header; the datagram is padded to the alignment of netlink messages.
+// A reply's length includes the header; the datagram is padded to netlink's message alignment.
 void queue_reply(int type, std::string_view payload, std::uint32_t sequence) {
   nlmsghdr header{};
   header.nlmsg_len = static_cast<std::uint32_t>(NLMSG_HDRLEN + payload.size());
@@ -181,7 +181,7 @@ void queue_reply(int type, std::string_view payload, std::uint32_t sequence) {
   queue_datagram(header, payload, NLMSG_ALIGN(payload.size()) - payload.size());
 }
 
-// The kernel leaves the header out of a record's length (audit_log_end).
+// The kernel leaves the header out of the length of a record (audit_log_end).
 void queue_record(int type, std::string_view text, std::uint32_t sequence) {
   nlmsghdr header{};
   header.nlmsg_len = static_cast<std::uint32_t>(text.size());
@@ -211,7 +211,8 @@ bool points_at_payload(int type) {
                      [type](TypeRange range) { return range.first <= type && type <= range.last; });
 }
 
-// Receives the first datagram as recvfrom and libaudit do: what lies behind it in `reply` stays.
+// Receives the first datagram as recvfrom and libaudit do: the bytes of `reply` after it keep their
+// content.
 int receive(audit_reply& reply, bool peek) {
   if (kernel.queue.empty()) return refuse(-EAGAIN);
   const std::string& datagram = kernel.queue.front();
@@ -230,7 +231,7 @@ int receive(audit_reply& reply, bool peek) {
   return static_cast<int>(size);
 }
 
-// Returns `size` itself, the result of a reading call.
+// Returns `size`, which is the result of a call that reads.
 int count_received(int size, int peek) {
   if (size > 0 && (peek & MSG_PEEK) == 0) ++kernel.received;
   return size;
@@ -265,7 +266,7 @@ void queue_ack(const Request& request, int error) {
   queue_reply(NLMSG_ERROR, payload, request.sequence);
 }
 
-// What libaudit makes of the first waiting message once it has sent a request.
+// What libaudit reads from the first waiting message after it has sent a request.
 int read_outcome(const Request& request) {
   audit_reply reply;
   const int received = receive(reply, true);
@@ -316,13 +317,14 @@ constexpr Setting kRateLimit = {"audit_rate_limit", AUDIT_STATUS_RATE_LIMIT,
 constexpr Setting kBacklogLimit = {"audit_backlog_limit", AUDIT_STATUS_BACKLOG_LIMIT,
                                    &audit_status::backlog_limit};
 
-// Makes the change unless `error` says why not, and ends the request.
+// Makes the change unless `error` is set, and ends the request.
 int conclude_setting(const Setting& setting, std::uint32_t value, int error) {
   audit_status wanted{};
   wanted.mask = setting.mask;
   wanted.*setting.value = value;
 
-  // Whether the change is recorded is decided before it is made: switching auditing on is not.
+  // Whether the change is recorded is decided before it is made. So switching auditing on leaves no
+  // record.
   std::string record;
   if (is_auditing()) {
     record = std::string("op=set ") + setting.name + "=" + std::to_string(value) +
@@ -346,7 +348,7 @@ int check_receiver(std::uint32_t pid) {
 
 int change_receiver(int fd, std::uint32_t pid) {
   const int error = check_receiver(pid);
-  // The kernel tries out whether the receiver still lives before it replaces it.
+  // The kernel checks that the receiver is still alive before it replaces it.
   if (kernel.receiver_socket >= 0) queue_reply(AUDIT_REPLACE, bytes_of(pid), 0);
   if (error == 0) kernel.receiver_socket = pid == 0 ? -1 : fd;
   return conclude_setting(kPid, pid, error);
@@ -359,8 +361,8 @@ int request_status() {
   return read_outcome(request);
 }
 
-// libaudit throws away the records in front of the reply, and gives up at an acknowledgement or
-// after forty messages.
+// libaudit discards the records before the reply, and gives up at an acknowledgement or after forty
+// messages.
 int read_enabled() {
   constexpr int kMostMessages = 40;
   if (request_status() <= 0) return -1;
@@ -433,7 +435,7 @@ int open_socket() {
   return fd;
 }
 
-// What waits goes with the last socket.
+// Closing the last socket discards the waiting messages.
 void close_socket(int fd) {
   if (!is_socket(fd)) return;
   std::erase(kernel.sockets, fd);
@@ -575,7 +577,7 @@ int audit_set_pid(int fd, uint32_t pid, rep_wait_t wait) {
   if (const auto result = begin_request(Call::kSetPid, fd)) return *result;
   const int result = change_receiver(fd, pid);
   if (result < 0) return result;
-  // Asked to wait, libaudit reads one more message and does not look at it.
+  // When asked to wait, libaudit reads one more message and ignores it.
   if (wait == WAIT_YES && !kernel.queue.empty()) drop_first();
   return 1;
 }
@@ -620,7 +622,7 @@ int audit_request_rules_list_data(int fd) {
   return request_rules();
 }
 
-// Blocking on an empty queue would last for ever here, so it ends with -EAGAIN, too.
+// A blocking read of an empty queue would last forever here, so it fails with -EAGAIN as well.
 int audit_get_reply(int fd, audit_reply* reply, reply_t block, int peek) {
   if (!kernel.on)
     return count_received(

@@ -1,4 +1,4 @@
-// The reader for recordings. zlib reads plain files as well, so there is one way in.
+// The reader for recordings. zlib also reads plain files, so all files are read through it.
 #include "record_file.h"
 
 #include <libaudit.h>
@@ -18,8 +18,8 @@
 namespace offline {
 namespace {
 
-// Enriched log lines carry interpretations, which about double a record. Anything beyond this is no
-// line of text, and need not be held in memory to find that out.
+// Enriched log lines carry interpretations, which about double a record. A longer line is not a
+// text line, and need not be held in memory to find that out.
 constexpr std::size_t kMaxLineLength = 65536;
 constexpr std::size_t kChunkSize = 65536;
 constexpr unsigned kMaxType = 65535;  // 16 bits in the netlink header
@@ -39,7 +39,7 @@ bool skip(std::string_view& text, std::string_view prefix) {
   return true;
 }
 
-// Cuts the part before `end` off the front of `text`, and drops `end`.
+// Cuts the part before `end` off the front of `text`, and removes `end`.
 std::optional<std::string_view> cut(std::string_view& text, char end) {
   const std::size_t length = text.find(end);
   if (length == std::string_view::npos) return std::nullopt;
@@ -61,7 +61,7 @@ std::optional<int> find_type(std::string_view name) {
     if (!name.ends_with(']')) return std::nullopt;
     return parse_type(name.substr(0, name.size() - 1));
   }
-  // libaudit takes numbers as names, and whatever stands behind their digits.
+  // libaudit accepts numbers as names, and ignores what follows their digits.
   if (name.empty() || std::isdigit(static_cast<unsigned char>(name.front()))) return std::nullopt;
   const int type = audit_name_to_msg_type(std::string(name).c_str());
   if (type <= 0) return std::nullopt;
@@ -87,7 +87,7 @@ bool decode_hex(std::string_view digits, std::string& bytes) {
   return true;
 }
 
-// What a line holds; `problem` says why it holds nothing.
+// The record of a line; `problem` says why there is none.
 struct Line {
   Record record = {};
   const char* problem = nullptr;
@@ -125,7 +125,7 @@ Line parse_line(std::string_view line, std::string& bytes) {
 struct Reader {
   const std::function<void(const Record&)>& take;
   File file;
-  std::string pending = {};  // the beginning of a line
+  std::string pending = {};  // the incomplete line read so far
   std::string bytes = {};
   std::size_t line_number = 1;
 };
@@ -139,7 +139,7 @@ File open_file(const std::string& path) {
   return file;
 }
 
-// Why reading has stopped; empty at the end of the file.
+// Why reading stopped; empty at the end of the file.
 std::string explain_stop(gzFile file) {
   const int system_error = errno;
   int error = Z_OK;
@@ -151,7 +151,7 @@ std::string explain_stop(gzFile file) {
   return zError(error);
 }
 
-// Each of these returns an empty text, or what is wrong.
+// Each of these returns an empty text, or a description of the problem.
 std::string take_line(Reader& reader, std::string_view text) {
   if (text.empty()) return {};
   const Line line = parse_line(text, reader.bytes);

@@ -10,18 +10,18 @@ namespace offline {
 struct Record {
   int type;                  // netlink message type
   std::string_view payload;  // a record's text, or the binary payload of a reply
-  bool logged;               // from an auditd log, to which auditd does not write AUDIT_EOE
+  bool logged;               // read from an auditd log; auditd does not log AUDIT_EOE
 };
 
-// Calls `take` for each record of `path` ("-" is standard input), in order; the payload lasts as
-// long as the call. A line is either
+// Calls `take` for each record of `path` ("-" is standard input), in order. The payload is valid
+// during the call. A line has one of these forms:
 //   TYPE TAB TEXT                        a recorded record
 //   TYPE TAB hex:DIGITS                  a recorded reply, its payload in hexadecimal
 //   [node=NAME ]type=NAME msg=audit(...): ...   an auditd log line (NAME or UNKNOWN[number])
-// Lines are bytes up to a line feed, which the last one may lack; nothing is trimmed. Of an
-// enriched log the interpretations behind the record are left out. Empty lines are skipped. Returns
-// an empty text, or the one line that says what is wrong, with the file's name and the line's
-// number; records before that line have been taken.
+// A line ends at a line feed, which the last line may lack; nothing is trimmed. Interpretations in
+// an enriched log are left out. Empty lines are skipped. Returns an empty text, or one line that
+// says what is wrong, with the name of the file and the number of the line. The records before that
+// line have then been taken.
 std::string read_records(const std::string& path, const std::function<void(const Record&)>& take);
 
 }  // namespace offline

@@ -18,12 +18,12 @@ constexpr std::array<std::uint32_t, 14> kTextFields = {
     AUDIT_WATCH,     AUDIT_DIR,       AUDIT_FILTERKEY, AUDIT_EXE,
 };
 
-// Filter lists that take rules; AUDIT_FILTER_ENTRY is refused since Linux 3.16.
+// Filter lists that accept rules. AUDIT_FILTER_ENTRY has been refused since Linux 3.16.
 constexpr std::array<std::uint32_t, 5> kFilterLists = {
     AUDIT_FILTER_USER, AUDIT_FILTER_TASK, AUDIT_FILTER_EXIT, AUDIT_FILTER_EXCLUDE, AUDIT_FILTER_FS};
 
-// The upper half of the last mask word stands for classes of system calls, which the kernel
-// resolves and clears when it takes a rule in.
+// The upper half of the last mask word stands for classes of system calls. The kernel resolves and
+// clears these bits when it accepts a rule.
 constexpr std::uint32_t kLastMaskWordBits = 0x0000ffff;
 
 template <typename Table>
@@ -38,7 +38,7 @@ std::size_t text_length(const audit_rule_data& rule) {
   return length;
 }
 
-// The text of the first such field; the texts lie one behind the other in `buf`.
+// The text of the first field of this kind. The texts lie one after another in `buf`.
 std::optional<std::string> text_of(const audit_rule_data& rule, std::uint32_t field) {
   const char* text = rule.buf;
   for (std::uint32_t i = 0; i < rule.field_count; ++i) {
@@ -71,7 +71,7 @@ bool same_rule(const audit_rule_data& a, const audit_rule_data& b) {
          same_words(a.mask, b.mask, AUDIT_BITMASK_SIZE) && std::memcmp(a.buf, b.buf, a.buflen) == 0;
 }
 
-// The flags are compared whole, and no listed rule has the prepend bit: a rule with it is never
+// All flags are compared, and no listed rule has the prepend bit, so a rule with that bit is never
 // found.
 auto find_rule(const std::vector<Rule>& rules, const audit_rule_data& rule) {
   return std::find_if(rules.begin(), rules.end(),
