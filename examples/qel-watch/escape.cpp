@@ -13,7 +13,8 @@ struct Character {
   std::size_t size;  // bytes of UTF-8
 };
 
-// The first byte of a character says how long it is. A longer form than needed is not UTF-8.
+// The first byte of a character determines its length. A longer form than needed is not valid
+// UTF-8.
 struct Lead {
   unsigned mask;
   unsigned bits;
@@ -29,10 +30,10 @@ struct Range {
 };
 constexpr Range kNoCharacters[] = {{0xd800, 0xdfff}, {0x110000, UINT32_MAX}};
 constexpr Range kUnprintable[] = {
-    {0x00, 0x1f},        // controls,
-    {0x7f, 0x9f},        // of which some terminals obey those above 0x7f, too
-    {0x61c, 0x61c},      // marks of direction ...
-    {0x200b, 0x200f},    // ... and characters without width
+    {0x00, 0x1f},        // controls
+    {0x7f, 0x9f},        // and more controls, which some terminals obey too
+    {0x61c, 0x61c},      // a direction mark
+    {0x200b, 0x200f},    // zero-width characters and direction marks
     {0x2028, 0x202e},    // line ends and overrides of direction
     {0x2060, 0x206f},    // isolates and invisible operators
     {0xfeff, 0xfeff},    // byte order mark

@@ -21,7 +21,7 @@ const char* const kClassNames[QEL_CLASS_COUNT] = {"login", "user", "syscall", "e
 namespace {
 
 constexpr unsigned kNameWidth = 8;
-constexpr unsigned kCommandWidth = 15;  // as long as the kernel's command names get
+constexpr unsigned kCommandWidth = 15;  // the longest command name of the kernel
 constexpr unsigned kPidWidth = 7;       // PID_MAX_LIMIT has seven digits
 constexpr unsigned kResultWidth = 4;
 
@@ -64,7 +64,7 @@ Fields describe_process(const Info& event) {
           {"ppid", event.ppid, kPidWidth}};
 }
 
-// The kernel has results that no errno value of programs stands for, such as those by which it
+// Some results of the kernel are no errno value that programs know, such as those by which it
 // restarts a call.
 std::string error_name(std::int32_t result) {
   const char* name = strerrorname_np(-result);
@@ -80,7 +80,7 @@ Fields describe_result(std::int32_t result, bool failed) {
 
 constexpr Word kLoginEvents[] = {{QEL_LOGIN_LOGIN, "login"}, {QEL_LOGIN_LOGOUT, "logout"}};
 
-// Local time as 2024-05-01T09:30:00+02:00; empty when it is beyond the calendar.
+// Local time as 2024-05-01T09:30:00+02:00; empty when the time has no calendar date.
 std::string iso_time(std::time_t time) {
   std::tm local = {};
   if (localtime_r(&time, &local) == nullptr) return {};
@@ -131,13 +131,14 @@ Fields describe_inet6(const sockaddr_storage& storage) {
           {"flow", ntohl(address.sin6_flowinfo), 0, Shown::kInJson}};
 }
 
-// Without the zeros at the end: an event does not tell how long its address was.
+// The bytes without trailing zeros. They are cut because an event does not tell the length of its
+// address.
 std::string without_zeros(std::string_view bytes) {
   return std::string(bytes.substr(0, bytes.find_last_not_of('\0') + 1));
 }
 
 // A path that fills the structure is not terminated. A name in the abstract namespace begins with a
-// zero, which is no part of the name.
+// zero byte, which is not part of the name.
 Fields describe_unix(const sockaddr_storage& storage) {
   const auto address = read_as<sockaddr_un>(storage);
   const std::string_view name(address.sun_path, sizeof(address.sun_path));
@@ -155,7 +156,7 @@ Fields describe_packet(const sockaddr_storage& storage) {
   return {{"interface", address.sll_ifindex}, {"protocol", hex_of(ntohs(address.sll_protocol))}};
 }
 
-// The bytes behind the family.
+// The bytes after the family.
 Fields describe_other(const sockaddr_storage& storage) {
   const std::string_view all(reinterpret_cast<const char*>(&storage), sizeof(storage));
   std::string hex;

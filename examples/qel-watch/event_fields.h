@@ -1,5 +1,4 @@
-// What each class of event shows: the one description from which lines for people and JSON are
-// made.
+// What is shown of each event class: the one description behind both lines for people and JSON.
 #pragma once
 
 #include <qel_audit.h>
@@ -10,23 +9,23 @@
 #include <variant>
 #include <vector>
 
-// The class's name in lines, options and the summary; by QEL_CLASS_ value.
+// The names of the classes in lines, options and the summary, indexed by QEL_CLASS_ value.
 extern const char* const kClassNames[QEL_CLASS_COUNT];
 
 using Arguments = std::span<char* const>;
-// A string holds bytes as they came, not yet fit for printing.
+// A string holds raw bytes, which are not yet safe to print.
 using Value = std::variant<bool, std::int64_t, std::string, Arguments>;
 
 enum class Shown {
   kAlways,
   kIfNotEmpty,  // left out of lines for people when it is an empty text
-  kInJson,      // in JSON alone
+  kInJson,      // only in JSON
 };
 
 struct Field {
   const char* name;
   Value value;
-  unsigned width = 0;  // characters that the value takes up at least, for people
+  unsigned width = 0;  // minimum number of characters of the value, for people
   Shown shown = Shown::kAlways;
 };
 using Fields = std::vector<Field>;

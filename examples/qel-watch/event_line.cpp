@@ -13,7 +13,7 @@ constexpr std::size_t kClassWidth = 8;
 
 using Json = nlohmann::ordered_json;
 
-// How a value looks to people.
+// Shows a value in a line for people.
 struct ToText {
   std::string operator()(bool yes) const { return yes ? "yes" : "no"; }
   std::string operator()(std::int64_t number) const { return std::to_string(number); }
@@ -49,7 +49,7 @@ bool is_for_people(const Field& field) {
   return field.shown == Shown::kAlways || !is_empty_text(field.value);
 }
 
-// Characters of UTF-8: all bytes but those that continue one.
+// The number of UTF-8 characters, that is, of all bytes but continuation bytes.
 std::size_t length_of(std::string_view text) {
   return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
     return (static_cast<unsigned char>(c) & 0xc0) != 0x80;

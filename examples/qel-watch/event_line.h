@@ -5,9 +5,9 @@
 
 #include "event_fields.h"
 
-// For people: the class's name, then name=value in columns; all bytes from outside as quote_word
-// gives them.
+// For people: the name of the class, then name=value in columns. Bytes from outside are shown as by
+// quote_word.
 std::string text_line(const char* class_name, const Fields& fields);
 
-// One JSON object, "class" first; all bytes from outside as escape_bytes gives them.
+// One JSON object, beginning with "class". Bytes from outside are shown as by escape_bytes.
 std::string json_line(const char* class_name, const Fields& fields);

@@ -36,7 +36,8 @@ bool watch(const Options& options) {
 int main(int argc, char** argv) {
   const Options options = parse_options(argc, argv);
   const bool live = options.replayed.empty();
-  // The rules that the library deletes, and prints, are of interest when they are the machine's.
+  // The library prints the rules that it deletes. They are of interest only when they are the rules
+  // of this machine.
   if (!open_output(live ? nullptr : "/dev/null")) return kFailed;
   catch_signals();
   if (!live) prepare_replay();

@@ -33,7 +33,7 @@ constexpr char kTakeOverNotice[] =
 constexpr int kAllLogins = QEL_LOGIN_LOGIN | QEL_LOGIN_LOGOUT;
 constexpr int kAllChanges = QEL_USER_ADDED | QEL_USER_DELETED | QEL_USER_PASSWORD | QEL_USER_GROUP;
 
-// The decimal number that is the whole of `text`; 0 if there is none that fits.
+// The decimal number that makes up the whole of `text`; 0 when there is none or it does not fit.
 template <typename Number>
 Number parse_number(std::string_view text) {
   Number number = 0;
@@ -49,7 +49,7 @@ struct Refusal {
 // ---- Keys -------------------------------------------------------------------------------------
 
 constexpr std::size_t kMaxCommandLength = 15;  // the kernel cuts command names (TASK_COMM_LEN)
-constexpr std::size_t kMaxLoginLength = 15;    // as long as the names in login events get
+constexpr std::size_t kMaxLoginLength = 15;    // the longest name in a login event
 constexpr std::size_t kMaxAccountLength = QEL_NAME_SIZE - 1;
 
 template <std::size_t kMaxLength>
@@ -94,7 +94,7 @@ int value_of(std::span<const Word> words, std::string_view name) {
   throw Refusal{"the words behind the colon are " + names};
 }
 
-// Words with commas between them, each standing for a bit.
+// Parses words separated by commas, each of which stands for a bit.
 template <const auto& kWords>
 int parse_mask(std::string_view text) {
   int mask = 0;
@@ -116,9 +116,9 @@ struct ClassOption {
   const char* flag;
   const char* value;
   const char* help;
-  Request everything;  // what is asked for without a value
+  Request everything;  // the request of the option without a value
   void (*set_key)(Request& request, const std::string& key);
-  int (*parse_filter)(std::string_view text);  // null: the class has no filter
+  int (*parse_filter)(std::string_view text);  // null when the class has no filter
 };
 const ClassOption kClassOptions[QEL_CLASS_COUNT] = {
     {"--login",
@@ -158,7 +158,7 @@ Request parse_request(const ClassOption& option, const std::string& value) try {
   throw CLI::ValidationError(option.flag, value + ": " + refusal.reason);
 }
 
-// The library refuses a registration that it has already.
+// The library refuses duplicate registrations.
 void add_request(std::vector<Request>& requests, const Request& request) {
   if (std::find(requests.begin(), requests.end(), request) == requests.end())
     requests.push_back(request);
@@ -178,7 +178,7 @@ std::vector<Request> default_requests(bool live) {
 
 using ClassValues = std::array<std::vector<std::string>, QEL_CLASS_COUNT>;
 
-// CLI11's own check tells of the range of floating-point numbers.
+// CLI11's own check would mention the range of floating-point numbers in its message.
 std::string check_count(const std::string& text) {
   return parse_number<std::uint64_t>(text) ? "" : text + " is no number from 1 up";
 }
@@ -210,8 +210,8 @@ void read_requests(const ClassValues& values, Options& options) {
       add_request(options.requests, parse_request(kClassOptions[i], value));
   }
   if (options.requests.empty()) options.requests = default_requests(options.replayed.empty());
-  // A call that matches several rules is reported under the one that was loaded last, so the rules
-  // of the system call class, which may match any, are loaded first.
+  // A call that matches several rules is reported under the rule that was loaded last. So the rules
+  // of the system call class, which may match any call, are loaded first.
   std::stable_partition(
       options.requests.begin(), options.requests.end(),
       [](const Request& request) { return request.event_class == QEL_CLASS_SYSCALL; });

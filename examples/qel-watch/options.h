@@ -13,11 +13,11 @@ constexpr int kRefused = 2;  // a bad argument or file
 
 struct Options {
   std::vector<Request> requests;      // never empty
-  std::vector<std::string> replayed;  // files; empty: live
+  std::vector<std::string> replayed;  // files; empty when watching live
   bool take_over = false;
   WatchSettings watch;
 };
 
 // Ends the program when there is nothing to run: after --help and --version, and with a message on
-// standard error when an argument is refused or live watching lacks its consent.
+// standard error when an argument is refused or --take-over is missing for live watching.
 Options parse_options(int argc, char** argv);

@@ -1,16 +1,16 @@
-// Standard output as a stream of lines that a reader behind a pipe sees at once.
+// Standard output as a stream of lines, each of which a reader at the other end of a pipe sees at
+// once.
 #pragma once
 
 #include <string>
 
-// Keeps standard output for write_line alone. What others print there, as the library does with
-// each rule that it deletes, goes to the file at `path` instead, or to standard error when it is
-// null. Returns false after a message on standard error.
+// Reserves standard output for write_line. Other output, such as the library's line for each
+// deleted rule, goes to the file at `path` instead, or to standard error when `path` is null. On
+// failure, prints a message on standard error and returns false.
 bool open_output(const char* path);
 
-// Writes one line. After a failure, which is told on standard error, nothing is written any more
-// and the program is asked to stop. Gives up when a stop is requested while the reader has the
-// output blocked.
+// Writes one line. A failure is reported on standard error, nothing is written after it, and the
+// program is asked to stop. Gives up when a stop is requested while the reader blocks the output.
 void write_line(std::string line);
 
 // Whether writing has failed.

@@ -16,22 +16,23 @@
 
 namespace {
 
-// Records that wait together in memory.
+// The number of records that wait in memory together.
 constexpr std::size_t kPortion = 64;
 
-// Groups of a log that are open at a time: more than a machine's processors interleave.
+// The number of groups of a log that are open at a time, which is more than the processors of a
+// machine interleave.
 constexpr std::size_t kMaxOpenGroups = 64;
 
-// What the records of a group begin with, "audit(TIME:SERIAL): ", oldest first. For logs only, from
-// which auditd leaves out the records that end a group.
+// The text "audit(TIME:SERIAL): " with which the records of each open group begin, oldest first.
+// Used only for logs, because auditd does not log the records that end a group.
 struct {
   std::deque<std::string> open_groups;
 } state;
 
-// Ends the reading of a file from inside.
+// Thrown to end the reading of a file early.
 struct Stopped {};
 
-// Ends the main loop when the library has read all that waits.
+// Ends the main loop when the library has read all waiting records.
 int stop_when_all_is_read(void*) {
   if (offline::waiting() == 0) qel_mainloop_stop();
   return 0;
@@ -59,8 +60,8 @@ void close_group(const std::string& group) {
   offline::feed(AUDIT_EOE, group);
 }
 
-// Puts in the record that ends a group behind its PROCTITLE record, which the kernel writes last;
-// where the logging of that is switched off, when enough younger groups have begun.
+// Inserts the record that ends a group after its PROCTITLE record, which the kernel writes last.
+// Where PROCTITLE records are not logged, the group ends when enough younger groups have begun.
 void end_logged_groups(const offline::Record& record) {
   const std::string group(record.payload.substr(0, record.payload.find(' ') + 1));
   if (record.type == AUDIT_SYSCALL) state.open_groups.push_back(group);
@@ -74,7 +75,7 @@ void take_record(const offline::Record& record) {
   if (offline::waiting() >= kPortion) handle_waiting();
 }
 
-// Returns what is wrong with the file, if anything is.
+// Returns a description of the problem with the file, or an empty text.
 std::string replay_file(const std::string& path) {
   std::string problem = offline::read_records(path, take_record);
   while (!state.open_groups.empty()) end_oldest_group();
@@ -86,11 +87,11 @@ std::string replay_file(const std::string& path) {
 
 void prepare_replay() {
   offline::switch_on();
-  // The kernel in memory would answer for this program's own requests, and for the paths of this
-  // machine, in between the records of another.
+  // Otherwise the kernel in memory would insert records about this program's own requests among the
+  // records of another machine, and would check watched paths on this machine.
   offline::set_config_records(false);
   offline::set_path_check([](const std::string&) { return true; });
-  // Recordings hold much that the library complains about, such as records without its keys.
+  // Recordings hold much that the library logs as an error, such as records without its keys.
   if (std::getenv("QEL_LOG_LEVEL") == nullptr) error_output_set_level(QEL_LOG_FATAL);
 }
 

@@ -4,13 +4,14 @@
 #include <string>
 #include <vector>
 
-// Puts the kernel in memory in place of the real one, before the library is started.
+// Replaces the real kernel with the kernel in memory. Call this before the library is started.
 void prepare_replay();
 
-// Has the library, once it is started, read the answers to its own requests, which are no records.
+// Makes the library, once it is started, read the answers to its own requests, which do not count
+// as records.
 void finish_start();
 
-// Hands the records of each file ("-": standard input) to the library, until a stop is requested.
-// Returns false after a message on standard error when a file cannot be read or is malformed;
-// records before that place have been handled.
+// Passes the records of each file ("-" is standard input) to the library until a stop is requested.
+// When a file cannot be read or is malformed, prints a message on standard error and returns false.
+// The records before that place have then been handled.
 bool replay_files(const std::vector<std::string>& paths);

@@ -15,8 +15,9 @@ struct {
   volatile sig_atomic_t requested = 0;
 } state;
 
-// A signal that arrives between the look at the request and a system call that then blocks, such as
-// a read from a pipe, would go unnoticed there. So it repeats itself until the program has stopped.
+// A signal may arrive after the program has checked for a request and before it enters a system
+// call that blocks, such as a read from a pipe. The request would then go unnoticed there. So the
+// signal repeats itself until the program has stopped.
 void handle_signal(int) {
   const int saved_errno = errno;
   request_stop();
@@ -26,7 +27,7 @@ void handle_signal(int) {
 
 }  // namespace
 
-// Without SA_RESTART, so that a blocked read or write returns.
+// SA_RESTART is not set, so that a blocked read or write returns.
 void catch_signals() {
   struct sigaction action = {};
   action.sa_handler = handle_signal;

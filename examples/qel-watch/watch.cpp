@@ -20,7 +20,8 @@ bool limit_reached() {
   return printed == state.settings.limit;
 }
 
-// One record can bring several events, and several callbacks for one: none is printed after a stop.
+// One record can cause several events, and several callbacks for one event. None is printed after a
+// stop.
 template <int kClass, typename Info>
 int print_event(const Info* event, void*) {
   if (stop_requested()) return 0;
