@@ -1,5 +1,5 @@
-// A small server's accounts, in place of the machine's: what an enumeration of those costs depends
-// on the name services that the machine happens to have, and is not the library's.
+// The accounts of a small server, used instead of the machine's. The cost of enumerating the
+// machine's own accounts depends on its name services, not on the library.
 #include <grp.h>
 #include <pwd.h>
 #include <shadow.h>
@@ -11,7 +11,7 @@
 namespace {
 
 constexpr std::size_t kCount = 24;
-constexpr unsigned kFirstUid = 1000;  // of the accounts behind root's
+constexpr unsigned kFirstUid = 1000;  // of the first account after root
 
 char empty[] = "";
 char locked[] = "x";
@@ -27,7 +27,7 @@ struct Account {
   group own_group;
 };
 
-// One walk through the accounts per database.
+// The accounts, and the position of one walk for each database.
 struct {
   std::array<Account, kCount> accounts;
   std::size_t user;
@@ -48,7 +48,7 @@ void fill(Account& account, std::size_t index) {
   for (std::size_t i = 0; i < kCount; ++i) fill(state.accounts[i], i);
 }
 
-// The account that a walk comes to next, or null at its end.
+// The next account of a walk, or null at its end.
 Account* next(std::size_t& place) {
   return place < kCount ? &state.accounts[place++] : nullptr;
 }

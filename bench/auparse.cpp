@@ -1,9 +1,9 @@
-// The library beside libauparse, the audit project's own parser: both read the same streams. Of
-// each event a client of libauparse reads either what the library's events carry, or the full
-// event.
+// The library compared with libauparse, the audit project's own parser: both read the same streams.
+// A client of libauparse reads of each event either the fields that the library's events have, or
+// the full event.
 //
-// "bench_auparse --peak library|auparse FILE" has one of the two read a recording and prints the
-// peak of the process's memory.
+// "bench_auparse --peak library|auparse FILE" makes one of the two read a recording and prints the
+// peak memory of the process.
 #include <audit_msg.h>
 #include <auparse.h>
 #include <benchmark/benchmark.h>
@@ -35,7 +35,7 @@ using benchmark::State;
 
 struct Field {
   std::string_view name;
-  bool interpreted;  // read as a name or as decoded text, otherwise as it stands
+  bool interpreted;  // read as a name or as decoded text; otherwise read unchanged
 };
 constexpr Field kSyscallFields[] = {{"syscall", true}, {"success", false}, {"exit", false},
                                     {"a0", false},     {"a1", false},      {"a2", false},
@@ -48,7 +48,8 @@ void read_text(const char* text) {
   benchmark::DoNotOptimize(text);
 }
 
-// Every field once, in order: searching for them by name would read the record again and again.
+// Reads every field once, in order. Searching for the fields by name would read the record again
+// and again.
 void read_syscall(auparse_state_t* parser) {
   do {
     const std::string_view name = auparse_get_field_name(parser);
@@ -71,7 +72,7 @@ void read_address(auparse_state_t* parser) {
   if (auparse_find_field(parser, "saddr") != nullptr) read_text(auparse_interpret_field(parser));
 }
 
-// What the library's events carry.
+// Reads the fields that the library's events have.
 void read_fields(auparse_state_t* parser, auparse_cb_event_t, void*) {
   if (auparse_first_record(parser) <= 0) return;
   do {
@@ -93,7 +94,7 @@ void read_fields(auparse_state_t* parser, auparse_cb_event_t, void*) {
   } while (auparse_next_record(parser) > 0);
 }
 
-// Every field of every record, encoded texts and numbers interpreted.
+// Reads every field of every record, and interprets encoded texts and numbers.
 void read_all(auparse_state_t* parser, auparse_cb_event_t, void*) {
   if (auparse_first_record(parser) <= 0) return;
   do {
@@ -171,7 +172,7 @@ void give_to_auparse(auparse_state_t* parser, const offline::Record& record) {
   auparse_feed(parser, line.data(), line.size());
 }
 
-// Not getrusage's: that is the parent's when this was more.
+// The peak is not taken from getrusage, which reports that of the parent process if it is greater.
 long peak_kib() {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);) {
@@ -180,7 +181,7 @@ long peak_kib() {
   throw std::runtime_error("no peak in /proc/self/status");
 }
 
-// The recording is read record by record, so that it takes no memory to speak of itself.
+// The recording is read record by record, so that reading it needs hardly any memory.
 int print_peak(std::string_view reader, const std::string& path) {
   const bool is_library = reader == "library";
   if (!is_library && reader != "auparse") throw std::runtime_error("no such reader");

@@ -21,7 +21,7 @@ constexpr std::uint32_t kListSequence = 1;
 struct {
   int receiver = -1;
   int sender = -1;
-  sockaddr_nl address = {};  // of the receiver
+  sockaddr_nl address = {};  // address of the receiver
 } state;
 
 void close_sockets() {
@@ -39,7 +39,7 @@ int open_socket(sockaddr_nl& address) {
   return fd;
 }
 
-// `announced` is what the header says.
+// `announced` is the length that the header gives.
 bool send_message(int type, const std::string& payload, std::size_t announced,
                   std::uint32_t sequence) {
   nlmsghdr header = {};
@@ -88,7 +88,7 @@ int audit_open() {
     close_sockets();
     return -1;
   }
-  // Root may go beyond the system's limit; it does not matter when this fails.
+  // Root may exceed the system limit. A failure does not matter.
   const int size = kBuffer_bytes;
   setsockopt(state.receiver, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
   setsockopt(state.receiver, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size));
@@ -123,7 +123,7 @@ int audit_request_status(int) {
   return 1;
 }
 
-// No rule is loaded.
+// Replies that no rule is loaded.
 int audit_request_rules_list_data(int) {
   send_message(NLMSG_DONE, "", sizeof(nlmsghdr), kListSequence);
   return kListSequence;

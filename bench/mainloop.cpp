@@ -1,5 +1,6 @@
-// The library in the framework's real main loop, with records from another thread: what the loop
-// costs while nothing happens, how long a record waits, and whether a burst is read in one go.
+// The library in the framework's real main loop, with records from another thread: the cost of the
+// loop while nothing happens, the time that a record waits, and whether a burst is read without a
+// pause.
 #include <benchmark/benchmark.h>
 #include <qel_audit.h>
 #include <qel_base.h>
@@ -27,12 +28,12 @@ namespace {
 using benchmark::State;
 using Clock = std::chrono::steady_clock;
 
-// What the main loop's thread tells the sender.
+// The values that the main loop's thread shares with the sender.
 struct {
   std::atomic<std::uint64_t> events;
   std::atomic<Clock::time_point> last_event;
   std::atomic<std::uint64_t> pauses;
-  std::atomic<std::uint64_t> pauses_before_event;  // as last_event
+  std::atomic<std::uint64_t> pauses_before_event;  // at the time of the last event
 } seen;
 
 template <typename Event>
@@ -57,7 +58,7 @@ struct Elapsed {
   double processor_ns;
 };
 
-// Runs the main loop on this thread until `sender`, on another one, is done.
+// Runs the main loop on this thread until `sender`, which runs on another one, is done.
 template <typename Sender>
 Elapsed run_beside(Sender sender) {
   std::thread thread([&] {
@@ -71,7 +72,7 @@ Elapsed run_beside(Sender sender) {
   return {wall.count(), processor_ns};
 }
 
-// Waits while the socket is full.
+// Sends the stream, waiting whenever the socket is full.
 void send_all(const bench::Stream& stream) {
   for (const bench::Record& record : stream.records) {
     while (!bench::send_record(record)) std::this_thread::yield();
@@ -91,8 +92,8 @@ void idle(State& state) {
 }
 BENCHMARK(idle)->Iterations(1);
 
-// Each record comes after a silence in which the loop's pauses have grown to their full length. The
-// few longest waits are the machine's, when it lets the loop's thread sleep on.
+// Each record arrives after a silence in which the loop's pauses have grown to their full length.
+// The few longest waits are due to the machine, when it does not wake the loop's thread in time.
 void waiting_record(State& state) {
   constexpr int kRecords = 200;
   const bench::Stream group = bench::make_bind_stream(1);
@@ -116,8 +117,8 @@ void waiting_record(State& state) {
 }
 BENCHMARK(waiting_record)->Iterations(1);
 
-// The first records wait already when the loop starts, and the sender is faster than any reader, so
-// that every pause before the last event is one too many.
+// The first records are already waiting when the loop starts, and the sender is faster than any
+// reader. So every pause before the last event is one too many.
 void burst(State& state) {
   const bench::Stream stream = bench::make_mixed_stream(20000);
   for ([[maybe_unused]] auto _ : state) {
@@ -145,7 +146,7 @@ BENCHMARK(burst)->Iterations(1);
 
 }  // namespace
 
-// The main loop's pause, counted.
+// Counts the pauses of the main loop.
 extern "C" int nanosleep(const timespec* requested, timespec* remaining) {
   ++seen.pauses;
   return static_cast<int>(syscall(SYS_nanosleep, requested, remaining));

@@ -1,4 +1,4 @@
-// What every benchmark program of this directory does alike.
+// What all benchmark programs of this directory have in common.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -32,8 +32,8 @@ double time_ns(Work work) {
   return static_cast<double>(thread_time_ns() - start);
 }
 
-// Runs the benchmarks that the command line asks for; `start` makes the library ready. Returns the
-// program's exit status.
+// Runs the benchmarks that the command line selects; `start` makes the library ready. Returns the
+// exit status of the program.
 inline int run_benchmarks(int argc, char** argv, void (*start)()) {
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;

@@ -1,9 +1,9 @@
-// What a comparison of the account monitor and of the login log monitor costs, measured against the
-// bare walk of the same databases: the loops over getpwent, getspent and getgrent, or over
-// getutent. Walk and comparison take turns, so that both see the same machine.
+// The cost of a comparison by the account monitor and by the login log monitor, relative to a bare
+// walk of the same databases: the loops over getpwent, getspent and getgrent, or over getutent.
+// Walk and comparison alternate, so that both run under the same conditions.
 //
-// The databases are files of this program's own: it takes over the enumerations of the accounts,
-// and hands its wtmp to the monitor by path.
+// The databases are files of this program's own. It replaces the enumerations of the accounts, and
+// passes the path of its wtmp to the monitor.
 #include <benchmark/benchmark.h>
 #include <grp.h>
 #include <malloc.h>
@@ -57,7 +57,7 @@ class Directory {
 
 const Directory directory;
 
-// An enumeration of a database in a file, as set...ent, get...ent and end...ent carry it out.
+// An enumeration of a database in a file, as set...ent, get...ent and end...ent perform it.
 class Walk {
  public:
   explicit Walk(const char* name) : path_(directory.file(name)) {}
@@ -103,13 +103,14 @@ struct utmp make_record(short type, pid_t pid, int line, const char* user, std::
   return record;
 }
 
-// How the pids and times of logins go on from one to the next.
+// How pids and times advance from one login to the next.
 enum class Pace {
   kUneven,  // as on a machine in use
-  kInStep   // a login and a process each second
+  kInStep   // a login and a new process each second
 };
 
-// Logins on 64 lines; one in twenty never ends, the others do when the next one on the line begins.
+// Logins on 64 lines. One in twenty never ends; the others end when the next login on their line
+// begins.
 std::vector<struct utmp> make_log(std::size_t count, Pace pace) {
   constexpr std::size_t kLines = 64;
   constexpr std::int64_t kPidLimit = 4'194'304;
@@ -165,7 +166,7 @@ void walk_log() {
 
 // ---- Measuring ---------------------------------------------------------------------------------
 
-// What a monitor offers to this program.
+// The functions of a monitor that this program uses.
 struct Monitor {
   void (*walk)();
   void (*start)();
@@ -185,10 +186,10 @@ struct Result {
   double bytes_per_entry;
 };
 
-// By name and number of entries.
+// The results by name and number of entries.
 std::map<std::string, std::map<std::int64_t, Result>> results;
 
-// Processor time: what else the machine does must not count, and nothing here waits.
+// Processor time, because other load on the machine must not count, and nothing here waits.
 double now_s() {
   timespec now = {};
   clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);

@@ -1,10 +1,10 @@
-// What the library makes of records, without any socket: handle_audit_msg over whole streams, and
-// how its cost grows with arguments, open groups and registered callbacks. Costs that are compared
-// are measured in turn, so that both see the same machine.
+// The library's work on records, without any socket: handle_audit_msg over whole streams, and the
+// growth of its cost with arguments, open groups and registered callbacks. Costs that are compared
+// are measured alternately, so that both are measured under the same conditions.
 //
-// "bench_records --write-log STREAM" prints a stream as auditd logs it, for other readers;
-// "bench_records --deliver STREAM" hands one to the library and prints the number of records, for
-// profilers.
+// "bench_records --write-log STREAM" prints a stream as auditd logs it, for other readers.
+// "bench_records --deliver STREAM" passes a stream to the library and prints the number of records,
+// for profilers.
 #include <audit_event.h>
 #include <audit_msg.h>
 #include <audit_rule.h>
@@ -70,7 +70,8 @@ QEL_BENCHMARK_STREAMS(stream);
 
 // ---- Arguments ---------------------------------------------------------------------------------
 
-// The cost of an argument is what an execution costs above one with a single argument.
+// The cost per argument is derived from the difference between executions with several arguments
+// and those with a single one.
 void arguments(State& state) {
   constexpr std::size_t kMany = 3000;
   constexpr std::size_t kFew = 30;
@@ -92,8 +93,8 @@ void arguments(State& state) {
 }
 BENCHMARK(arguments);
 
-// Executions whose first record has all slots of a list and whose second one holds only fields that
-// pose as others: behind lost records, or made up.
+// Executions whose first record announces all slots of a list, and whose second record holds only
+// fields whose values look like other fields. Such records occur after lost records, or are forged.
 bench::Stream make_posing_stream(std::size_t groups, std::size_t fields) {
   bench::Stream posing = bench::make_arguments_stream(groups, 1);
   std::vector<bench::Record> records;
@@ -112,7 +113,7 @@ bench::Stream make_posing_stream(std::size_t groups, std::size_t fields) {
   return posing;
 }
 
-// The cost of such a field in a long record and in a short one.
+// The cost of such a field in a long record, compared with a short one.
 void posing_fields(State& state) {
   constexpr std::size_t kMany = 500;
   constexpr std::size_t kFew = 50;
@@ -135,7 +136,7 @@ BENCHMARK(posing_fields);
 constexpr std::size_t kManyGroups = 10000;
 constexpr std::size_t kFewGroups = 10;
 
-// A SYSCALL record for each of `count` groups, with serials that nobody else has.
+// A SYSCALL record for each of `count` groups, with serials that occur nowhere else.
 bench::Stream make_openings(std::size_t count) {
   constexpr std::size_t kFirstSerial = 2000000000;
   bench::Stream openings;
@@ -160,13 +161,13 @@ bench::Stream make_ends(const bench::Stream& openings) {
 double time_beside(const bench::Stream& openings, const bench::Stream& work) {
   const bench::Stream ends = make_ends(openings);
   bench::deliver(openings, 0, openings.records.size());
-  time_of(work);  // brings the caches back
+  time_of(work);  // refills the caches
   const double ns = time_of(work);
   bench::deliver(ends, 0, ends.records.size());
   return ns;
 }
 
-// Groups that come and go while others stay open.
+// Groups that begin and end while others stay open.
 void beside_open_groups(State& state) {
   const bench::Stream many = make_openings(kManyGroups);
   const bench::Stream few = make_openings(kFewGroups);
@@ -182,7 +183,7 @@ void beside_open_groups(State& state) {
 }
 BENCHMARK(beside_open_groups);
 
-// The records of groups of one size, so that `width` groups advance in turn.
+// Reorders the records of groups of equal size, so that `width` groups advance in turn.
 bench::Stream interleave(const bench::Stream& groups, std::size_t width) {
   const std::size_t size = groups.records.size() / groups.groups;
   bench::Stream turns;
@@ -195,7 +196,7 @@ bench::Stream interleave(const bench::Stream& groups, std::size_t width) {
   return turns;
 }
 
-// The worst order: no two records of a group come in a row.
+// The worst order: consecutive records never belong to the same group.
 void interleaved_groups(State& state) {
   const bench::Stream groups = bench::make_openat_stream(kManyGroups);
   const bench::Stream many = interleave(groups, kManyGroups);
@@ -219,8 +220,8 @@ int ignore(const qel_execve_info*, void*) {
   return 0;
 }
 
-// The time of events for one callback beside `others` that have other keys. No argument and no
-// text is in the group and the user's name is known: what is left is the dispatch.
+// The time of events for one callback beside `others` that have other keys. The group has no
+// arguments and no texts to decode, and the user name is known, so that only the dispatch remains.
 double time_dispatch(int others) {
   char comm[] = "wanted";
   audit_ctx ctx = {};
@@ -260,7 +261,7 @@ int write_log(std::string_view name) {
   return std::fwrite(log.data(), 1, log.size(), stdout) == log.size() ? 0 : 1;
 }
 
-// Several times, so that what only the first records cost does not count.
+// Delivers the stream several times, so that costs of only the first records do not count.
 int deliver_all(std::string_view name) {
   constexpr std::size_t kPasses = 5;
   bench::start_client();

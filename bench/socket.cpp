@@ -1,7 +1,7 @@
-// The way of a record from the kernel's socket to the client: the library's poller, and what comes
-// before the library is at work, on the same socket in the same run.
+// The path of a record from the kernel's socket to the client: the library's poller, compared on
+// the same socket and in the same run with what must happen before the library can work.
 //
-// "bench_socket --drain STREAM PASSES" lets the poller read a stream that often and prints the
+// "bench_socket --drain STREAM PASSES" makes the poller read a stream PASSES times and prints the
 // number of records and events, for system call tracers.
 #include <audit_msg.h>
 #include <benchmark/benchmark.h>
@@ -46,7 +46,7 @@ void read_bare(std::size_t count) {
   }
 }
 
-// What every reader does that also watches the clock.
+// What every reader that also checks the clock has to do.
 void read_with_clock(std::size_t count) {
   audit_reply reply;
   for (; count > 0; --count) {
@@ -61,11 +61,11 @@ void read_with_poller(std::size_t count) {
   }
 }
 
-// Each batch of the stream goes four ways: to the library's poller, to a bare loop that also reads
-// the clock, to one that only waits and reads, and to the library without a socket. The last is
-// what the library costs on top, here without the stat(2) of its user name cache: once right behind
-// the kernel, whose work has taken the library's code and data out of the nearest caches, and then
-// in a row.
+// Each batch of the stream is read in four ways: by the library's poller, by a bare loop that also
+// reads the clock, by a loop that only waits and reads, and by the library without a socket. The
+// last way shows the library's own cost, here without the stat(2) of its user name cache. It is
+// measured first right after the kernel's work, which has evicted the library's code and data from
+// the nearest caches, and then several times in a row.
 struct Times {
   double poller_ns = 0;
   double clock_ns = 0;
@@ -93,7 +93,7 @@ struct Times {
   }
 };
 
-// Runs first: after account changes in a stream the poller looks after files for some seconds.
+// Runs first, because after account changes in a stream the poller checks files for some seconds.
 void idle(State& state) {
   constexpr int kRounds = 1000;
   double poller_ns = 0;

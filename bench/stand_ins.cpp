@@ -33,7 +33,7 @@ struct {
   std::uint64_t allocations;
   std::uint64_t stats;
   bool stat_skipped;
-  struct stat answer;  // of a skipped stat
+  struct stat answer;  // the result of a skipped stat
   qel_poller_fn poller;
   void* poller_argument;
 } state;
@@ -71,7 +71,7 @@ int qel_mainloop_reg_poller(qel_poller_fn poller, void* argument) {
   return 0;
 }
 
-// The real one costs as much as libc's: both are this one call.
+// The real call costs as much as libc's, because both only make this one system call.
 int stat(const char* path, struct stat* status) noexcept {
   ++state.stats;
   if (state.stat_skipped) {
@@ -83,7 +83,7 @@ int stat(const char* path, struct stat* status) noexcept {
 
 #ifdef QEL_SANITIZED_HEAP
 
-// A sanitizer's heap cannot be taken over, but tells.
+// A sanitizer's heap cannot be replaced, but it has hooks for its calls.
 [[gnu::constructor]] static void watch_heap() {
   __sanitizer_install_malloc_and_free_hooks(
       [](const volatile void*, std::size_t) { ++state.allocations; }, [](const volatile void*) {});

@@ -1,22 +1,23 @@
-// What measuring needs from functions of libc and of the framework, which this module defines in
-// their place for the whole process: a count of heap allocations, a stat(2) that can be left out,
-// and the poller that the library hands to the main loop.
+// Replacements for functions of libc and of the framework that measuring needs, defined by this
+// module for the whole process: a count of heap allocations, a stat(2) that can be skipped, and
+// access to the poller that the library registers with the main loop.
 #pragma once
 
 #include <cstdint>
 
 namespace bench {
 
-// Calls that asked the heap for memory, by anything in the process, since its start.
+// The number of calls by which anything in the process requested heap memory since its start.
 std::uint64_t allocations();
 
-// Calls of stat(2), likewise.
+// The number of calls of stat(2), counted likewise.
 std::uint64_t stats();
 
-// From now on stat answers at once for every file as for `path`; as ever again with a null pointer.
+// From now on stat returns the result for `path` at once, whatever the file. A null pointer
+// restores its normal behaviour.
 void skip_stat(const char* path);
 
-// One round of the poller that the library registered; returns its result.
+// Calls once the poller that the library registered; returns its result.
 int run_poller();
 
 }  // namespace bench

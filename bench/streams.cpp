@@ -32,7 +32,7 @@ constexpr std::array<Program, 8> kPrograms = {{{"ls", "/usr/bin/ls"},
                                                {"kworker/u8:2-ev", "/usr/lib/worker/run"},
                                                {"my tool", "/opt/my tools/my tool"}}};
 
-// Mostly root and www-data, which every Debian system has a name for.
+// Mostly root and www-data, for which every Debian system has names.
 constexpr std::array<unsigned, 8> kUsers = {0, 0, 0, 0, 33, 33, 0, 1000};
 
 constexpr std::array<const char*, 6> kFiles = {
@@ -128,7 +128,8 @@ class Generator {
     end();
   }
 
-  // Short arguments with a long tail: one execution in 50 has one that is split over records.
+  // Arguments are mostly short, with a long tail: one execution in 50 has one that is split over
+  // records.
   Arguments make_arguments(const Program& program) {
     Arguments arguments = {program.exe};
     for (std::size_t left = pick(8); left > 0; --left) {
@@ -206,8 +207,9 @@ class Generator {
     add(AUDIT_PROCTITLE, "proctitle=" + untrusted(title));
   }
 
-  // Fills records as the kernel's audit_log_execve_info does: a new one when an argument's name
-  // does not surely fit, pieces for an argument that does not fit the rest of the record.
+  // Fills records as the kernel's audit_log_execve_info does. A new record begins when the name of
+  // an argument may not fit, and an argument that does not fit into the rest of the record is split
+  // into pieces.
   void add_arguments(const Arguments& arguments) {
     constexpr std::size_t kRecordRoom = 7500;
     constexpr std::size_t kNameRoom = 96;
@@ -286,10 +288,10 @@ constexpr NamedStream kStreams[] = {
     {"many-arguments", [] { return make_many_arguments_stream(150); }},
 };
 
-// A text record, the place of whose serial is known.
+// A text record, taken apart at its serial.
 struct Recorded {
   int type;
-  std::string before;  // up to the serial
+  std::string before;  // text up to the serial
   unsigned long serial;
   std::string behind;
 };

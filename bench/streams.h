@@ -1,6 +1,6 @@
-// Deterministic streams of audit records, as a Linux 6.1 kernel writes them: generated groups of
-// executions, binds and opens, and a recording with fresh serials. For benchmarks and for tests
-// that count.
+// Deterministic streams of audit records in the form that a Linux 6.1 kernel writes: generated
+// groups of executions, binds and opens, and a recording with fresh serials. For benchmarks and for
+// tests that count.
 #pragma once
 
 #include <cstddef>
@@ -21,24 +21,25 @@ struct Stream {
 };
 
 // Groups of one kind. Executions have mostly short arguments, some in hexadecimal and a few that
-// are split over records; open failures, binds of all common families and several users occur.
+// are split over several records. Some opens fail, binds use all common address families, and there
+// are several users.
 Stream make_execve_stream(std::size_t groups);
 Stream make_bind_stream(std::size_t groups);
 Stream make_openat_stream(std::size_t groups);
-// Half opens, a quarter each of executions and binds.
+// Half of the groups are opens, a quarter executions and a quarter binds.
 Stream make_mixed_stream(std::size_t groups);
 // Executions with 500 to 3000 arguments.
 Stream make_many_arguments_stream(std::size_t groups);
 // Executions with exactly `argc` short arguments.
 Stream make_arguments_stream(std::size_t groups, std::size_t argc);
 
-// The text records of a recording, `copies` times, each copy with serials of its own. Replies to
-// requests are left out. Throws std::runtime_error when it cannot be read.
+// The text records of a recording, repeated `copies` times with distinct serials in each copy.
+// Replies to requests are left out. Throws std::runtime_error when the recording cannot be read.
 Stream read_recording(const std::string& path, std::size_t copies);
 
-// The stream of a name: execve, bind, openat, mixed, many-arguments or real (the recording of busy
-// loops in QEL_RECORDINGS_DIR). Every one has about as much work in it. Throws
-// std::runtime_error for another name.
+// The stream with the given name: execve, bind, openat, mixed, many-arguments or real (the
+// recording of busy loops in QEL_RECORDINGS_DIR). All streams contain about the same amount of
+// work. Throws std::runtime_error for any other name.
 Stream make_stream(std::string_view name);
 
 // The stream as auditd writes it to its log, end-of-event records included.
