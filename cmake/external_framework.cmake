@@ -1,5 +1,5 @@
-# An agent's own framework in place of the bundled stand-in. Give its place with CMAKE_PREFIX_PATH;
-# its headers must offer the declarations of framework/include.
+# An agent's own framework in place of the bundled stand-in. Set CMAKE_PREFIX_PATH to its location.
+# Its headers must offer the declarations of framework/include.
 find_library(QELBASE_LIBRARY qelbase REQUIRED)
 find_library(QELFRAME_LIBRARY qelframe REQUIRED)
 find_library(QELXTEST_LIBRARY qelxtest REQUIRED)

@@ -1,4 +1,4 @@
-# Compiler and linker settings that every target of this project shares: link qel_options privately.
+# Compiler and linker settings that all targets of this project share: link qel_options privately.
 add_library(qel_options INTERFACE)
 target_compile_options(qel_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wundef -Wvla
@@ -11,7 +11,8 @@ if(QEL_SANITIZE)
     -fsanitize=${QEL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(qel_options INTERFACE -fsanitize=${QEL_SANITIZE})
 else()
-  # A level that the compiler or whoever builds has chosen stays. Sanitizers see less with one.
+  # Does not override a level that the compiler or the person building has chosen. Sanitizers detect
+  # less with fortification.
   include(CheckCXXSourceCompiles)
   check_cxx_source_compiles("
     #if defined(_FORTIFY_SOURCE) || defined(__SANITIZE_ADDRESS__)
