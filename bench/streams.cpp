@@ -2,6 +2,7 @@
 #include "streams.h"
 
 #include <libaudit.h>
+#include <made_records.h>
 #include <record_file.h>
 
 #include <algorithm>
@@ -70,28 +71,8 @@ constexpr std::array<Address, 6> kAddresses = {{{"02001F90", 16},
   return {buffer, static_cast<std::size_t>(length)};
 }
 
-bool needs_hex(std::string_view text) {
-  return std::any_of(text.begin(), text.end(),
-                     [](char c) { return c == '"' || c < 0x21 || c > 0x7e; });
-}
-
-std::string to_hex(std::string_view bytes) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  std::string digits;
-  for (const char byte : bytes) {
-    digits += kDigits[static_cast<unsigned char>(byte) >> 4];
-    digits += kDigits[static_cast<unsigned char>(byte) & 15];
-  }
-  return digits;
-}
-
 std::string quoted(std::string_view text) {
   return std::string("\"").append(text).append("\"");
-}
-
-// A text from user space as the kernel writes it (audit_log_untrustedstring).
-std::string untrusted(std::string_view text) {
-  return needs_hex(text) ? to_hex(text) : quoted(text);
 }
 
 class Generator {
@@ -186,8 +167,8 @@ class Generator {
                "egid=%u sgid=%u fsgid=%u tty=(none) ses=4294967295 comm=",
                number, result < 0 ? "no" : "yes", result, first_argument, pick(0xffffffff),
                pick(0x80000), items, pid - 1, pid, user, user, user, user, user, user, user, user) +
-            untrusted(program.comm) + " exe=" + untrusted(program.exe) + " subj=unconfined key=\"" +
-            key + "\"");
+            offline::untrusted(program.comm) + " exe=" + offline::untrusted(program.exe) +
+            " subj=unconfined key=\"" + key + "\"");
   }
 
   void add_path(int item, const char* name, bool found) {
@@ -195,7 +176,7 @@ class Generator {
         found ? format(" inode=%zu dev=fe:01 mode=0100755 ouid=0 ogid=0 rdev=00:00 nametype=NORMAL",
                        100 + pick(100000))
               : " nametype=UNKNOWN";
-    add(AUDIT_PATH, format("item=%d name=", item) + untrusted(name) + inode +
+    add(AUDIT_PATH, format("item=%d name=", item) + offline::untrusted(name) + inode +
                         " cap_fp=0 cap_fi=0 cap_fe=0 cap_fver=0 cap_frootid=0");
   }
 
@@ -204,7 +185,7 @@ class Generator {
     std::string title;
     for (const std::string& argument : arguments) title.append(argument).append(1, '\0');
     title.resize(std::min(title.size() - 1, kMaxTitle));
-    add(AUDIT_PROCTITLE, "proctitle=" + untrusted(title));
+    add(AUDIT_PROCTITLE, "proctitle=" + offline::untrusted(title));
   }
 
   // Fills records as the kernel's audit_log_execve_info does. A new record begins when the name of
@@ -221,8 +202,8 @@ class Generator {
       room = kRecordRoom;
     };
     for (std::size_t i = 0; i < arguments.size(); ++i) {
-      const bool hex = needs_hex(arguments[i]);
-      std::string written = hex ? to_hex(arguments[i]) : arguments[i];
+      const bool hex = offline::needs_hex(arguments[i]);
+      std::string written = hex ? offline::to_hex(arguments[i]) : arguments[i];
       const std::size_t quotes = hex ? 0 : 2;
       for (std::size_t piece = 0; piece == 0 || !written.empty(); ++piece) {
         if (kNameRoom + 8 > room) next_record();

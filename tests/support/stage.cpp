@@ -41,20 +41,8 @@ std::FILE* open_ear() {
 
 // ---- Texts -------------------------------------------------------------------------------------
 
-std::string hex(std::string_view bytes, const char* digits = "0123456789abcdef") {
-  std::string text;
-  for (const char byte : bytes) {
-    text += digits[static_cast<unsigned char>(byte) >> 4];
-    text += digits[static_cast<unsigned char>(byte) & 15];
-  }
-  return text;
-}
-
-// A text of a record.
-std::string written(const std::string& text) {
-  const bool plain = std::all_of(
-      text.begin(), text.end(), [](char byte) { return byte > ' ' && byte <= '~' && byte != '"'; });
-  return plain ? '"' + text + '"' : hex(text, "0123456789ABCDEF");
+std::string hex(std::string_view bytes) {
+  return offline::to_hex(bytes, "0123456789abcdef");
 }
 
 std::string format_byte(char byte) {
@@ -150,33 +138,6 @@ std::string quoted(std::string_view bytes) {
     bytes.remove_prefix(is_long ? run : 1);
   }
   return text;
-}
-
-std::string header(unsigned serial) {
-  return "audit(1700000000.000:" + std::to_string(serial) + "): ";
-}
-
-Record syscall_record(const Syscall& fields) {
-  const auto number = [](unsigned value) { return std::to_string(value); };
-  return {AUDIT_SYSCALL,
-          "arch=" + fields.arch + " syscall=" + std::to_string(fields.number) +
-              " success=" + (fields.success ? "yes" : "no") + " exit=" + fields.exit + " " +
-              fields.args + " items=2 ppid=" + number(fields.ppid) + " pid=" + number(fields.pid) +
-              " auid=0 uid=" + number(fields.uid) + " gid=0 comm=" + written(fields.comm) +
-              " exe=\"/bin/cat\" key=" + written(fields.key),
-          fields.serial};
-}
-
-Record execve_record(const std::vector<std::string>& arguments) {
-  std::string body = "argc=" + std::to_string(arguments.size());
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    body += " a" + std::to_string(i) + "=" + written(arguments[i]);
-  }
-  return {AUDIT_EXECVE, body};
-}
-
-Record path_record(const std::string& name) {
-  return {AUDIT_PATH, "item=0 name=" + written(name) + " inode=9 nametype=NORMAL"};
 }
 
 // ---- The stage ---------------------------------------------------------------------------------

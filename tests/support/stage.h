@@ -31,6 +31,7 @@
 
 #include "clock.h"
 #include "databases.h"
+#include "made_records.h"
 #include "offline_kernel.h"
 
 namespace test {
@@ -38,35 +39,7 @@ namespace test {
 using namespace offline;
 using namespace std::chrono_literals;
 
-// ---- Records -----------------------------------------------------------------------------------
-
-// A record without its header.
-struct Record {
-  int type;
-  std::string body;
-  unsigned serial = 7;
-};
-
-// The fields of a SYSCALL record. A test names those that it is about.
-struct Syscall {
-  unsigned serial = 7;
-  std::string key = "execve_rule";
-  std::string comm = "cat";
-  int number = 257;  // openat
-  bool success = true;
-  std::string exit = "0";
-  std::string args = "a0=1 a1=2 a2=3 a3=4";
-  std::string arch = "c000003e";
-  unsigned ppid = 10, pid = 11, uid = 0;
-};
-
-// Texts are written as the kernel does: in quotes, or in hexadecimal when a byte is not plain.
-Record syscall_record(const Syscall& fields = {});
-Record execve_record(const std::vector<std::string>& arguments);
-Record path_record(const std::string& name);
-
-// "audit(1700000000.000:SERIAL): "
-std::string header(unsigned serial);
+using Record = offline::MadeRecord;
 
 // Printable ASCII as it is; spaces, backslashes, opening braces and all other bytes as \xHH; 16 or
 // more of the same as {x*N}; "" for nothing.
