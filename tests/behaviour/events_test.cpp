@@ -134,6 +134,7 @@ TEST_F(Events, LeaveNoMemoryAndNoDescriptorBehind) {
   set_level(QEL_LOG_FATAL);  // wtmp is cut each time
   for (int round = 0; round < 150; ++round) {
     heard_of({.success = false}, {path_record("/bin/no")});
+    heard_of({}, {execve_record({"cat", "x y"}), syscall_record(), execve_record({"cat", "x"})});
     databases.passwd.resize(1 + static_cast<std::size_t>(round % 2), {"dana", 2001, 0});
     heard_of({.key = "passwd_rule"});
     write_wtmp(file("/var/log/wtmp"), {utmp_record(USER_PROCESS, 1, "tty1", "eve", 100 + round),

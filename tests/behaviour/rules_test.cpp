@@ -168,15 +168,12 @@ TEST_F(Rules, ASilentKernelIsGivenUpAfterFortyReadsOfWhichAReplyIsOne) {
   EXPECT_EQ(time_of(stop), 4) << "3.9 seconds";
 }
 
-TEST_F(Rules, AWaitIsRepeatedWhenInterruptedAndCountsAsAnEmptyReadWhenItFails) {
+TEST_F(Rules, AWaitThatFailsCountsAsAnEmptyRead) {
   preload_two_rules();
   offline::fail_poll(ENOMEM, 40);
   listen(qel_audit_init);
   EXPECT_EQ(offline::calls(Call::kGetReply), 0U);
   EXPECT_EQ(offline::rules().size(), 2U);
-  offline::fail_poll(EINTR, 100);
-  stop();
-  EXPECT_EQ(heard(), kOne + kTwo);
 }
 
 TEST_F(Rules, NeitherSignalsNorRecordsHoldAStartOrAStopUpForMoreThanTenSeconds) {
@@ -294,9 +291,6 @@ TEST_F(Rules, AnOverrunIsForgottenWithItsConnection) {
   listen(qel_audit_init);
   EXPECT_EQ(offline::calls(Call::kGetReply) - reads, 1U) << "nothing is thrown away";
   EXPECT_FALSE(has_overrun());
-  offline::fail(Call::kAddRule, -ENOBUFS);
-  audit_add_bind_rule();
-  EXPECT_TRUE(has_overrun());
 }
 
 // ---- Rules loaded once -------------------------------------------------------------------------

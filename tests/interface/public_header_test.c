@@ -3,7 +3,6 @@
 #include <qel_audit.h>
 
 #include <stddef.h>
-#include <stdio.h>
 
 _Static_assert(offsetof(struct qel_login_info, process) == 268 &&
                    offsetof(struct qel_user_info, username) == 4 &&
@@ -29,11 +28,7 @@ int main(void) {
                          qel_syscall_unreg_callback("read", QEL_SYSCALL_ANY, NULL, NULL),
                          qel_bind_unreg_callback(80, NULL, NULL), check_from_cpp()};
   int failures = 0;
-  for (int i = 0; i < 5; ++i) {
-    if (refused[i] == -1 && ignored[i] == 0) continue;
-    fprintf(stderr, "call %d: %d, not -1, or %d, not 0\n", i, refused[i], ignored[i]);
-    ++failures;
-  }
+  for (int i = 0; i < 5; ++i) failures += refused[i] != -1 || ignored[i] != 0;
   qel_audit_fini();
-  return failures == 0 ? 0 : 1;
+  return failures;
 }
