@@ -7,6 +7,7 @@
 #include <audit_msg.h>
 #include <libaudit.h>
 #include <qel_audit.h>
+#include <qel_base.h>
 
 #include <algorithm>
 #include <cstdarg>
